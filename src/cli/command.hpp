@@ -1,0 +1,25 @@
+// What every command handler receives and returns: the arguments after its
+// command word, and an exit status (0..255) or an error name.
+#pragma once
+
+#include "platform/result.hpp"
+
+#include <span>
+#include <string_view>
+
+namespace tovel {
+
+using Args = std::span<const std::string_view>;
+using CommandResult = Result<int>;
+
+constexpr int kExitSuccess = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitRefused = 3;
+constexpr int kExitExecFailed = 127;
+constexpr int kExitInterrupted = 130;
+
+// "<command>: invalid arguments (<ErrorName>)\n" on standard error; status 2.
+int reportInvalidArguments(std::string_view command, Error error);
+
+} // namespace tovel

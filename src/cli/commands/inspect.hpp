@@ -1,0 +1,10 @@
+// The `inspect` command.
+#pragma once
+
+#include "cli/command.hpp"
+
+namespace tovel {
+
+[[nodiscard]] CommandResult runInspect(Args args);
+
+} // namespace tovel

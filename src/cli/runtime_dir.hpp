@@ -1,0 +1,31 @@
+// The per-user runtime directory that holds every session's files, and the
+// names of those files. Chosen once per process from TOVEL_PTYD_DIR,
+// XDG_RUNTIME_DIR or TMPDIR, created with mode 0700 and then remembered.
+#pragma once
+
+#include "platform/result.hpp"
+
+#include <string>
+#include <string_view>
+
+namespace tovel {
+
+constexpr std::size_t kMaxRuntimeDirLength = 4096;
+
+// Joins two path parts with exactly one "/" between them.
+[[nodiscard]] std::string joinPath(std::string_view left, std::string_view right);
+
+// The base path from the environment, without creating anything.
+[[nodiscard]] Result<std::string> chooseRuntimeDir();
+
+// The chosen directory, created (mode forced to 0700) on the first call and
+// remembered for the life of the process. Thread-safe.
+[[nodiscard]] Result<std::string> runtimeDir();
+
+// "<RuntimeDir>/<id><suffix>"; InvalidSessionId for a malformed id.
+[[nodiscard]] Result<std::string> sessionPath(std::string_view id, std::string_view suffix);
+
+// Forgets the remembered directory (tests change the environment).
+void resetRuntimeDirForTesting();
+
+} // namespace tovel

@@ -1,0 +1,10 @@
+// The `ensure` command.
+#pragma once
+
+#include "cli/command.hpp"
+
+namespace tovel {
+
+[[nodiscard]] CommandResult runEnsure(Args args);
+
+} // namespace tovel

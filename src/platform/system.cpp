@@ -1,0 +1,196 @@
+// Descriptor, file and path wrappers.
+#include "platform/system.hpp"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tovel::sys {
+
+namespace {
+
+std::unexpected<Error> failErrno() { return fail(errorFromErrno(errno)); }
+
+} // namespace
+
+std::string cString(std::string_view text) { return std::string(text); }
+
+Result<UniqueFd> open(std::string_view path, int flags, mode_t mode) {
+    std::string p = cString(path);
+    for (;;) {
+        int fd = ::open(p.c_str(), flags | O_CLOEXEC, mode);
+        if (fd >= 0)
+            return UniqueFd(fd);
+        if (errno != EINTR)
+            return failErrno();
+    }
+}
+
+Result<std::size_t> read(int fd, std::span<std::byte> buffer) {
+    for (;;) {
+        ssize_t n = ::read(fd, buffer.data(), buffer.size());
+        if (n >= 0)
+            return static_cast<std::size_t>(n);
+        if (errno != EINTR)
+            return failErrno();
+    }
+}
+
+Result<std::size_t> read(int fd, std::span<char> buffer) {
+    return read(fd, std::as_writable_bytes(buffer));
+}
+
+Result<std::size_t> write(int fd, std::span<const std::byte> bytes) {
+    for (;;) {
+        ssize_t n = ::write(fd, bytes.data(), bytes.size());
+        if (n >= 0)
+            return static_cast<std::size_t>(n);
+        if (errno != EINTR)
+            return failErrno();
+    }
+}
+
+Result<std::size_t> write(int fd, std::string_view bytes) {
+    return write(fd, std::as_bytes(std::span(bytes.data(), bytes.size())));
+}
+
+Result<> writeAll(int fd, std::span<const std::byte> bytes) {
+    while (!bytes.empty()) {
+        auto written = write(fd, bytes);
+        if (!written && written.error() == Error::WouldBlock) {
+            pollfd entry{fd, POLLOUT, 0};
+            TRY(poll(std::span(&entry, 1), -1));
+            if (entry.revents & (POLLERR | POLLHUP | POLLNVAL))
+                return fail(Error::BrokenPipe);
+            continue;
+        }
+        if (!written)
+            return fail(written.error());
+        if (*written == 0)
+            return fail(Error::BrokenPipe);
+        bytes = bytes.subspan(*written);
+    }
+    return {};
+}
+
+Result<> writeAll(int fd, std::string_view bytes) {
+    return writeAll(fd, std::as_bytes(std::span(bytes.data(), bytes.size())));
+}
+
+Result<Pipe> pipe(int extraFlags) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC | extraFlags) != 0)
+        return failErrno();
+    return Pipe{UniqueFd(fds[0]), UniqueFd(fds[1])};
+}
+
+Result<> dup2(int from, int to) {
+    for (;;) {
+        if (::dup2(from, to) >= 0)
+            return {};
+        if (errno != EINTR)
+            return failErrno();
+    }
+}
+
+Result<int> fcntl(int fd, int command, long argument) {
+    for (;;) {
+        int value = ::fcntl(fd, command, argument);
+        if (value >= 0)
+            return value;
+        if (errno != EINTR)
+            return failErrno();
+    }
+}
+
+Result<> setNonBlocking(int fd) {
+    int flags = TRY(fcntl(fd, F_GETFL));
+    TRY(fcntl(fd, F_SETFL, flags | O_NONBLOCK));
+    return {};
+}
+
+Result<> setCloseOnExec(int fd, bool closeOnExec) {
+    int flags = TRY(fcntl(fd, F_GETFD));
+    flags = closeOnExec ? (flags | FD_CLOEXEC) : (flags & ~FD_CLOEXEC);
+    TRY(fcntl(fd, F_SETFD, flags));
+    return {};
+}
+
+Result<int> poll(std::span<pollfd> fds, int timeoutMs) {
+    for (;;) {
+        int ready = ::poll(fds.data(), fds.size(), timeoutMs);
+        if (ready >= 0)
+            return ready;
+        if (errno != EINTR)
+            return fail(errno == ENOMEM ? Error::SystemResources : Error::Unexpected);
+    }
+}
+
+Result<struct stat> stat(std::string_view path) {
+    struct stat st {};
+    if (::stat(cString(path).c_str(), &st) != 0)
+        return failErrno();
+    return st;
+}
+
+Result<struct stat> lstat(std::string_view path) {
+    struct stat st {};
+    if (::lstat(cString(path).c_str(), &st) != 0)
+        return failErrno();
+    return st;
+}
+
+Result<struct stat> fstat(int fd) {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0)
+        return failErrno();
+    return st;
+}
+
+Result<> mkdir(std::string_view path, mode_t mode) {
+    if (::mkdir(cString(path).c_str(), mode) != 0)
+        return failErrno();
+    return {};
+}
+
+Result<> chmod(std::string_view path, mode_t mode) {
+    std::string p = cString(path);
+    for (;;) {
+        if (::chmod(p.c_str(), mode) == 0)
+            return {};
+        if (errno != EINTR)
+            return failErrno();
+    }
+}
+
+Result<> unlink(std::string_view path) {
+    if (::unlink(cString(path).c_str()) != 0)
+        return failErrno();
+    return {};
+}
+
+Result<std::string> realpath(std::string_view path) {
+    char resolved[PATH_MAX];
+    if (::realpath(cString(path).c_str(), resolved) == nullptr)
+        return failErrno();
+    return std::string(resolved);
+}
+
+Result<std::string> readlink(std::string_view path) {
+    char target[4096];
+    ssize_t n = ::readlink(cString(path).c_str(), target, sizeof target);
+    if (n < 0)
+        return failErrno();
+    if (static_cast<std::size_t>(n) >= sizeof target)
+        return fail(Error::NameTooLong);
+    return std::string(target, static_cast<std::size_t>(n));
+}
+
+Result<std::string> selfExecutablePath() { return readlink("/proc/self/exe"); }
+
+bool isatty(int fd) { return ::isatty(fd) == 1; }
+
+} // namespace tovel::sys
