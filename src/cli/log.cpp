@@ -28,7 +28,9 @@ bool writeFailed = false; // drop the rest of the line after a write error
 
 std::atomic<int> colourMode{-1};
 
-pid_t currentTid() { return static_cast<pid_t>(::syscall(SYS_gettid)); }
+pid_t currentTid() {
+    return static_cast<pid_t>(::syscall(SYS_gettid));
+}
 
 void futexWait(std::atomic<int>* word, int expected) {
     ::syscall(SYS_futex, reinterpret_cast<int*>(word), FUTEX_WAIT_PRIVATE, expected, nullptr,
@@ -36,8 +38,7 @@ void futexWait(std::atomic<int>* word, int expected) {
 }
 
 void futexWakeOne(std::atomic<int>* word) {
-    ::syscall(SYS_futex, reinterpret_cast<int*>(word), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr,
-              0);
+    ::syscall(SYS_futex, reinterpret_cast<int*>(word), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 void flush() {

@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult attachSession(std::string_view, const PortableMetadata&) { return fail(Error::OperationNotSupported); }
+CommandResult attachSession(std::string_view, const PortableMetadata&) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult runConnect(Args) { return fail(Error::OperationNotSupported); }
+CommandResult runConnect(Args) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

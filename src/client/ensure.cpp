@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult runEnsure(Args) { return fail(Error::OperationNotSupported); }
+CommandResult runEnsure(Args) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult runKill(Args) { return fail(Error::OperationNotSupported); }
+CommandResult runKill(Args) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

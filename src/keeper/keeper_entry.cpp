@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult runKeeperEntry(Args) { return fail(Error::OperationNotSupported); }
+CommandResult runKeeperEntry(Args) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-Result<LaunchOutcome> launchKeeper(std::string_view, const SpawnOptions&) { return fail(Error::OperationNotSupported); }
+Result<LaunchOutcome> launchKeeper(std::string_view, const SpawnOptions&) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

@@ -16,14 +16,18 @@ timespec now(clockid_t clock) {
 
 } // namespace
 
-std::int64_t monotonicMs() { return monotonicNs() / 1'000'000; }
+std::int64_t monotonicMs() {
+    return monotonicNs() / 1'000'000;
+}
 
 std::int64_t monotonicNs() {
     timespec ts = now(CLOCK_MONOTONIC);
     return static_cast<std::int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
 }
 
-std::int64_t realtimeSeconds() { return now(CLOCK_REALTIME).tv_sec; }
+std::int64_t realtimeSeconds() {
+    return now(CLOCK_REALTIME).tv_sec;
+}
 
 Result<> sleepMs(std::int64_t milliseconds) {
     timespec remaining{static_cast<time_t>(milliseconds / 1000),

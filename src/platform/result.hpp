@@ -10,7 +10,9 @@ namespace tovel {
 
 template <typename T = void> using Result = std::expected<T, Error>;
 
-inline std::unexpected<Error> fail(Error error) { return std::unexpected<Error>(error); }
+inline std::unexpected<Error> fail(Error error) {
+    return std::unexpected<Error>(error);
+}
 
 } // namespace tovel
 

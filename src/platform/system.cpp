@@ -12,11 +12,15 @@ namespace tovel::sys {
 
 namespace {
 
-std::unexpected<Error> failErrno() { return fail(errorFromErrno(errno)); }
+std::unexpected<Error> failErrno() {
+    return fail(errorFromErrno(errno));
+}
 
 } // namespace
 
-std::string cString(std::string_view text) { return std::string(text); }
+std::string cString(std::string_view text) {
+    return std::string(text);
+}
 
 Result<UniqueFd> open(std::string_view path, int flags, mode_t mode) {
     std::string p = cString(path);
@@ -189,8 +193,12 @@ Result<std::string> readlink(std::string_view path) {
     return std::string(target, static_cast<std::size_t>(n));
 }
 
-Result<std::string> selfExecutablePath() { return readlink("/proc/self/exe"); }
+Result<std::string> selfExecutablePath() {
+    return readlink("/proc/self/exe");
+}
 
-bool isatty(int fd) { return ::isatty(fd) == 1; }
+bool isatty(int fd) {
+    return ::isatty(fd) == 1;
+}
 
 } // namespace tovel::sys

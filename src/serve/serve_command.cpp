@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult runServe(Args) { return fail(Error::OperationNotSupported); }
+CommandResult runServe(Args) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

@@ -12,7 +12,9 @@
 namespace tovel::test {
 
 // Path of the built tovel-ptyd binary.
-inline const char* binaryPath() { return TOVEL_PTYD_BINARY; }
+inline const char* binaryPath() {
+    return TOVEL_PTYD_BINARY;
+}
 
 // A short private directory under /tmp, removed with its contents.
 class TempDir {
@@ -37,7 +39,7 @@ struct RunResult {
 
 struct RunOptions {
     std::map<std::string, std::optional<std::string>> env; // nullopt unsets
-    std::string input;                                      // fed to standard input
+    std::string input;                                     // fed to standard input
     std::chrono::milliseconds deadline{10000};
 };
 

@@ -33,12 +33,17 @@ constexpr std::string_view kVersionLine = "tovel-ptyd v0.2.8\n";
 
 // Options whose next argument is a value, as far as the pre-scan knows.
 constexpr std::array<std::string_view, 11> kValueOptions{
-    "--cmd",  "--cwd",  "--dir",        "--workspace-id",     "--migration-id", "--cols",
-    "--rows", "--replica-id", "--lease-generation", "--agent-kind", "--adapter-id"};
+    "--cmd",       "--cwd",  "--dir",        "--workspace-id",     "--migration-id",
+    "--cols",      "--rows", "--replica-id", "--lease-generation", "--agent-kind",
+    "--adapter-id"};
 
-bool isAbsoluteDirectory(std::string_view value) { return !value.empty() && value.front() == '/'; }
+bool isAbsoluteDirectory(std::string_view value) {
+    return !value.empty() && value.front() == '/';
+}
 
-void printStdout(std::string_view text) { (void)sys::writeAll(STDOUT_FILENO, text); }
+void printStdout(std::string_view text) {
+    (void)sys::writeAll(STDOUT_FILENO, text);
+}
 
 // Finds a global --dir after the command word and exports it as
 // TOVEL_PTYD_DIR. Returns an exit status when the command line must stop.
@@ -46,8 +51,7 @@ std::optional<int> applyGlobalDir(Args args) {
     std::optional<std::string_view> dir;
     std::size_t i = 1;
     while (i < args.size()) {
-        if (std::find(kValueOptions.begin(), kValueOptions.end(), args[i]) ==
-            kValueOptions.end()) {
+        if (std::find(kValueOptions.begin(), kValueOptions.end(), args[i]) == kValueOptions.end()) {
             ++i;
             continue;
         }

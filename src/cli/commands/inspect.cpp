@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult runInspect(Args) { return fail(Error::OperationNotSupported); }
+CommandResult runInspect(Args) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult listSessions(OutputFormat) { return fail(Error::OperationNotSupported); }
+CommandResult listSessions(OutputFormat) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel

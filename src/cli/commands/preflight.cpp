@@ -3,6 +3,8 @@
 
 namespace tovel {
 
-CommandResult runPreflight(Args) { return fail(Error::OperationNotSupported); }
+CommandResult runPreflight(Args) {
+    return fail(Error::OperationNotSupported);
+}
 
 } // namespace tovel
