@@ -1,0 +1,48 @@
+// Signal dispositions and the self-pipe that turns signals into bytes a poll
+// loop can read. Handlers only write one byte; everything else happens in the
+// loop.
+#pragma once
+
+#include "platform/result.hpp"
+#include "platform/unique_fd.hpp"
+
+#include <cstddef>
+#include <span>
+
+namespace tovel::sys {
+
+[[nodiscard]] Result<> setSignalIgnored(int signal);
+[[nodiscard]] Result<> setSignalDefault(int signal);
+
+// Restores the default disposition of every signal and empties the signal
+// mask. Async-signal-safe: meant for a forked child before exec, because
+// ignored dispositions survive exec.
+void resetSignalsForExec();
+
+// The process's one signal self-pipe. route() makes a signal write `byte`
+// into the pipe's non-blocking write end; a full pipe drops the byte (the
+// reader already has one pending). Destroying it restores the routed
+// signals' defaults.
+class SignalPipe {
+  public:
+    [[nodiscard]] static Result<SignalPipe> create();
+    SignalPipe(SignalPipe&&) noexcept;
+    SignalPipe& operator=(SignalPipe&&) = delete;
+    SignalPipe(const SignalPipe&) = delete;
+    ~SignalPipe();
+
+    // Handlers are installed with SA_RESTART.
+    [[nodiscard]] Result<> route(int signal, char byte);
+
+    [[nodiscard]] int readFd() const { return readEnd_.get(); }
+    // Reads pending bytes (non-blocking); 0 when none are pending.
+    [[nodiscard]] Result<std::size_t> drain(std::span<char> into);
+
+  private:
+    SignalPipe(UniqueFd readEnd, UniqueFd writeEnd);
+    UniqueFd readEnd_;
+    UniqueFd writeEnd_;
+    unsigned long long routed_ = 0; // bit n set: signal n routed here
+};
+
+} // namespace tovel::sys
