@@ -1,0 +1,22 @@
+// The session's lock file: held exclusively by its keeper for its whole life,
+// probed by others to tell whether a keeper for the id is alive.
+#pragma once
+
+#include "platform/result.hpp"
+#include "platform/unique_fd.hpp"
+
+#include <string_view>
+
+namespace tovel {
+
+// Opens (creating, mode 0600) "<RuntimeDir>/<id>.lock" and takes the lock.
+// WouldBlock: another keeper holds it.
+[[nodiscard]] Result<UniqueFd> acquireSessionLock(std::string_view id);
+
+enum class LockState { Free, Held };
+
+// Whether a keeper holds the session's lock right now (the probe releases
+// whatever it took at once).
+[[nodiscard]] Result<LockState> probeSessionLock(std::string_view id);
+
+} // namespace tovel
