@@ -109,3 +109,15 @@ TEST(Process, WaitReportsExitStatusAndNoHang) {
 
 } // namespace
 } // namespace tovel
+
+namespace tovel {
+namespace {
+
+TEST(PtyProcess, RunsTheBinaryOnATerminal) {
+    test::PtyProcess process({"--version"}, {});
+    EXPECT_TRUE(process.readUntil("tovel-ptyd v0.2.8"));
+    EXPECT_EQ(process.waitExit(), 0);
+}
+
+} // namespace
+} // namespace tovel

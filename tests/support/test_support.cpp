@@ -8,7 +8,9 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -106,6 +108,107 @@ RunResult runBinary(const std::vector<std::string>& args, const RunOptions& opti
     }
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
+}
+
+PtyProcess::PtyProcess(const std::vector<std::string>& args, const RunOptions& options,
+                       unsigned short cols, unsigned short rows) {
+    std::vector<std::string> storage;
+    storage.push_back(binaryPath());
+    storage.insert(storage.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& arg : storage)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    winsize size{};
+    size.ws_col = cols;
+    size.ws_row = rows;
+    pid_ = ::forkpty(&master_, nullptr, nullptr, &size);
+    if (pid_ == 0) {
+        for (const auto& [name, value] : options.env) {
+            if (value)
+                ::setenv(name.c_str(), value->c_str(), 1);
+            else
+                ::unsetenv(name.c_str());
+        }
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    if (master_ >= 0)
+        ::fcntl(master_, F_SETFD, FD_CLOEXEC);
+}
+
+PtyProcess::~PtyProcess() {
+    if (pid_ > 0 && status_ < 0) {
+        ::kill(-pid_, SIGKILL);
+        ::kill(pid_, SIGKILL);
+        int status = 0;
+        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+        }
+    }
+    if (master_ >= 0)
+        ::close(master_);
+}
+
+bool PtyProcess::readSome(int timeoutMs) {
+    pollfd entry{master_, POLLIN, 0};
+    if (::poll(&entry, 1, timeoutMs) <= 0)
+        return false;
+    char buffer[65536];
+    ssize_t n = ::read(master_, buffer, sizeof buffer);
+    if (n <= 0)
+        return false;
+    output_.append(buffer, static_cast<std::size_t>(n));
+    return true;
+}
+
+bool PtyProcess::readUntil(const std::string& needle, std::chrono::milliseconds deadline) {
+    auto end = std::chrono::steady_clock::now() + deadline;
+    while (output_.find(needle) == std::string::npos) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        end - std::chrono::steady_clock::now())
+                        .count();
+        if (left <= 0)
+            return false;
+        if (!readSome(static_cast<int>(std::min<long long>(left, 50))) &&
+            ::waitpid(pid_, nullptr, WNOHANG | WNOWAIT) == pid_ && !readSome(0))
+            return output_.find(needle) != std::string::npos;
+    }
+    return true;
+}
+
+void PtyProcess::write(const std::string& bytes) {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = ::write(master_, bytes.data() + done, bytes.size() - done);
+        if (n <= 0 && errno != EINTR)
+            return;
+        if (n > 0)
+            done += static_cast<std::size_t>(n);
+    }
+}
+
+void PtyProcess::resize(unsigned short cols, unsigned short rows) {
+    winsize size{};
+    size.ws_col = cols;
+    size.ws_row = rows;
+    ::ioctl(master_, TIOCSWINSZ, &size);
+}
+
+int PtyProcess::waitExit(std::chrono::milliseconds deadline) {
+    if (status_ >= 0)
+        return status_;
+    auto end = std::chrono::steady_clock::now() + deadline;
+    while (std::chrono::steady_clock::now() < end) {
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+            while (readSome(0)) {
+            }
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            return status_;
+        }
+        readSome(10);
+    }
+    return -1;
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {

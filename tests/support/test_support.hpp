@@ -46,6 +46,37 @@ struct RunOptions {
 // Runs the binary with `args`, collecting both streams; killed at the deadline.
 RunResult runBinary(const std::vector<std::string>& args, const RunOptions& options = {});
 
+// The built binary running with a fresh PTY as its controlling terminal, in
+// a session of its own. The destructor kills its process group.
+class PtyProcess {
+  public:
+    PtyProcess(const std::vector<std::string>& args, const RunOptions& options,
+               unsigned short cols = 80, unsigned short rows = 24);
+    ~PtyProcess();
+    PtyProcess(const PtyProcess&) = delete;
+    PtyProcess& operator=(const PtyProcess&) = delete;
+
+    [[nodiscard]] int pid() const { return pid_; }
+    [[nodiscard]] int master() const { return master_; }
+    // Everything read from the terminal so far.
+    [[nodiscard]] const std::string& output() const { return output_; }
+    // Reads until `needle` has appeared in output() or the deadline passes.
+    bool readUntil(const std::string& needle,
+                   std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+    void write(const std::string& bytes);
+    void resize(unsigned short cols, unsigned short rows);
+    // Waits for the process to end, reading its output meanwhile; the exit
+    // status (128 + signal when killed), or -1 at the deadline.
+    int waitExit(std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+
+  private:
+    bool readSome(int timeoutMs);
+    int pid_ = -1;
+    int master_ = -1;
+    int status_ = -1;
+    std::string output_;
+};
+
 // Polls `condition` every few milliseconds until it holds or the deadline passes.
 bool waitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
