@@ -86,7 +86,9 @@ Result<> SignalPipe::route(int signal, char byte) {
     if (signal <= 0 || signal > kMaxSignal)
         return fail(Error::InvalidArgument);
     gSignalBytes[signal] = byte;
-    TRY(setDisposition(signal, writeSignalByte, SA_RESTART));
+    // A stopped or continued child is not an event anyone here waits for.
+    int flags = signal == SIGCHLD ? SA_RESTART | SA_NOCLDSTOP : SA_RESTART;
+    TRY(setDisposition(signal, writeSignalByte, flags));
     routed_ |= 1ULL << (signal - 1);
     return {};
 }

@@ -31,7 +31,7 @@ class SignalPipe {
     SignalPipe(const SignalPipe&) = delete;
     ~SignalPipe();
 
-    // Handlers are installed with SA_RESTART.
+    // Handlers are installed with SA_RESTART (and SA_NOCLDSTOP for SIGCHLD).
     [[nodiscard]] Result<> route(int signal, char byte);
 
     [[nodiscard]] int readFd() const { return readEnd_.get(); }

@@ -1,11 +1,13 @@
 // Descriptor, file and path wrappers.
 #include "platform/system.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace tovel::sys {
@@ -59,6 +61,21 @@ Result<std::size_t> write(int fd, std::span<const std::byte> bytes) {
 
 Result<std::size_t> write(int fd, std::string_view bytes) {
     return write(fd, std::as_bytes(std::span(bytes.data(), bytes.size())));
+}
+
+Result<std::size_t> writev(int fd, std::span<const std::string_view> pieces) {
+    constexpr std::size_t kMaxPieces = 8;
+    iovec vectors[kMaxPieces];
+    std::size_t count = std::min(pieces.size(), kMaxPieces);
+    for (std::size_t i = 0; i < count; ++i)
+        vectors[i] = {const_cast<char*>(pieces[i].data()), pieces[i].size()};
+    for (;;) {
+        ssize_t n = ::writev(fd, vectors, static_cast<int>(count));
+        if (n >= 0)
+            return static_cast<std::size_t>(n);
+        if (errno != EINTR)
+            return failErrno();
+    }
 }
 
 Result<> writeAll(int fd, std::span<const std::byte> bytes) {
@@ -174,6 +191,13 @@ Result<> unlink(std::string_view path) {
     if (::unlink(cString(path).c_str()) != 0)
         return failErrno();
     return {};
+}
+
+Result<std::string> getcwd() {
+    char buffer[PATH_MAX];
+    if (::getcwd(buffer, sizeof buffer) == nullptr)
+        return failErrno();
+    return std::string(buffer);
 }
 
 Result<std::string> realpath(std::string_view path) {

@@ -27,6 +27,8 @@ std::string cString(std::string_view text);
 [[nodiscard]] Result<std::size_t> read(int fd, std::span<char> buffer);
 [[nodiscard]] Result<std::size_t> write(int fd, std::span<const std::byte> bytes);
 [[nodiscard]] Result<std::size_t> write(int fd, std::string_view bytes);
+// writev of up to a few pieces; returns the bytes written.
+[[nodiscard]] Result<std::size_t> writev(int fd, std::span<const std::string_view> pieces);
 // Writes everything, waiting for POLLOUT on a non-blocking descriptor. A
 // write that returns 0 is BrokenPipe.
 [[nodiscard]] Result<> writeAll(int fd, std::string_view bytes);
@@ -56,6 +58,7 @@ struct Pipe {
 [[nodiscard]] Result<> unlink(std::string_view path);
 [[nodiscard]] Result<std::string> realpath(std::string_view path);
 [[nodiscard]] Result<std::string> readlink(std::string_view path);
+[[nodiscard]] Result<std::string> getcwd();
 // The running executable's path, from /proc/self/exe.
 [[nodiscard]] Result<std::string> selfExecutablePath();
 

@@ -1,0 +1,480 @@
+// The keeper's event loop.
+#include "keeper/keeper_loop.hpp"
+
+#include "cli/log.hpp"
+#include "client/protocol/portable_takeover.hpp"
+#include "platform/clock.hpp"
+#include "platform/process.hpp"
+#include "platform/pty.hpp"
+#include "platform/socket.hpp"
+#include "platform/system.hpp"
+
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <sys/wait.h>
+
+namespace tovel {
+
+namespace {
+
+constexpr int kTerminationTickMs = 50;
+constexpr std::size_t kSignalReadSize = 16;
+constexpr int kFinalFlushTimeoutMs = 2000;
+constexpr std::uint32_t kSignalledStatusBits = 0xFFFFFF80u;
+constexpr std::size_t kWinsizePayloadSize = 4;
+
+struct Winsize {
+    std::uint16_t cols;
+    std::uint16_t rows;
+};
+
+Result<Winsize> parseWinsize(std::string_view payload) {
+    if (payload.size() != kWinsizePayloadSize)
+        return fail(Error::InvalidWinsize);
+    Winsize size{getU16(payload.data()), getU16(payload.data() + 2)};
+    if (size.cols == 0 || size.rows == 0)
+        return fail(Error::InvalidWinsize);
+    return size;
+}
+
+} // namespace
+
+std::uint32_t encodeExitStatus(int waitStatus) {
+    if (WIFEXITED(waitStatus))
+        return static_cast<std::uint32_t>(WEXITSTATUS(waitStatus));
+    if (WIFSIGNALED(waitStatus))
+        return static_cast<std::uint32_t>(waitStatus) | kSignalledStatusBits;
+    return 1;
+}
+
+KeeperLoop::KeeperLoop(UniqueFd listener, ShellProcess shell, sys::SignalPipe signals,
+                       KeeperFiles files, SessionMetadata metadata)
+    : listener_(std::move(listener)), shell_(std::move(shell)), signals_(std::move(signals)),
+      files_(std::move(files)), metadata_(std::move(metadata)),
+      readBuffer_(std::make_unique_for_overwrite<char[]>(kPtyReadSize)) {}
+
+std::uint32_t KeeperLoop::run() {
+    std::vector<pollfd> entries;
+    while (!exitStatus_) {
+        entries.clear();
+        entries.push_back({listener_.get(), POLLIN, 0});
+        short ptyEvents = terminalGone_ ? 0 : POLLIN;
+        if (!terminalGone_ && !ptyInput_.empty())
+            ptyEvents |= POLLOUT;
+        entries.push_back({terminalGone_ ? -1 : shell_.master.get(), ptyEvents, 0});
+        entries.push_back({signals_.readFd(), POLLIN, 0});
+        for (const auto& client : clients_) {
+            short events = POLLIN;
+            if (!client->output.empty())
+                events |= POLLOUT;
+            entries.push_back({client->fd.get(), events, 0});
+        }
+
+        auto ready = sys::poll(entries, pollTimeout(sys::monotonicMs()));
+        if (!ready) {
+            logError(LogScope::Keeper, "poll failed: ", ready.error());
+            continue;
+        }
+
+        if (entries[2].revents != 0 || terminationRequested_)
+            handleSignals();
+        if (exitStatus_)
+            break;
+        if (entries[0].revents & POLLIN)
+            acceptClient();
+        if (entries[1].revents & (POLLIN | POLLHUP | POLLERR))
+            readPty();
+        if (!terminalGone_ && (entries[1].revents & POLLOUT))
+            writePtyInput();
+
+        std::size_t polledClients = entries.size() - 3;
+        for (std::size_t i = 0; i < polledClients && i < clients_.size(); ++i) {
+            KeeperClient& client = *clients_[i];
+            short revents = entries[i + 3].revents;
+            if (!client.dropped && (revents & POLLOUT))
+                flushClient(client);
+            if (!client.dropped && (revents & (POLLIN | POLLHUP | POLLERR)))
+                readClient(client, revents);
+        }
+
+        std::int64_t now = sys::monotonicMs();
+        for (auto& client : clients_) {
+            if (!client->dropped && !client->handshaken &&
+                now - client->acceptedAtMs >= kHandshakeDeadlineMs) {
+                logWarning(LogScope::Keeper, "client handshake timed out fd=", client->fd.get());
+                client->dropped = true;
+            }
+        }
+        removeDroppedClients();
+
+        if (pendingShutdown_) {
+            signalShell(*pendingShutdown_);
+            pendingShutdown_.reset();
+            terminationRequested_ = true;
+        }
+    }
+    finish();
+    return *exitStatus_;
+}
+
+int KeeperLoop::pollTimeout(std::int64_t now) const {
+    std::optional<std::int64_t> smallest;
+    for (const auto& client : clients_) {
+        if (client->handshaken)
+            continue;
+        std::int64_t remaining = client->acceptedAtMs + kHandshakeDeadlineMs - now;
+        remaining = std::clamp<std::int64_t>(remaining, 0, INT_MAX);
+        if (!smallest || remaining < *smallest)
+            smallest = remaining;
+    }
+    if (terminationRequested_)
+        return static_cast<int>(
+            std::min<std::int64_t>(smallest.value_or(kTerminationTickMs), kTerminationTickMs));
+    return smallest ? static_cast<int>(*smallest) : -1;
+}
+
+void KeeperLoop::handleSignals() {
+    char bytes[kSignalReadSize];
+    auto got = signals_.drain(bytes);
+    std::string_view received = got ? std::string_view(bytes, *got) : std::string_view();
+    if (received.find('T') != std::string_view::npos) {
+        terminationRequested_ = true;
+        signalShell(ShellSignal::Graceful);
+    }
+    reapShell();
+}
+
+void KeeperLoop::reapShell() {
+    auto waited = sys::waitpid(shell_.pid, sys::WaitMode::NoHang);
+    if (waited && waited->pid == shell_.pid)
+        exitStatus_ = encodeExitStatus(waited->status);
+}
+
+void KeeperLoop::signalShell(ShellSignal kind) {
+    int signal = kind == ShellSignal::Forced ? SIGKILL : SIGTERM;
+    if (auto sent = sys::killProcessGroup(shell_.pid, signal); !sent)
+        logWarning(LogScope::Keeper, "failed to signal shell group: ", sent.error());
+    if (auto sent = sys::kill(shell_.pid, signal); !sent)
+        logWarning(LogScope::Keeper, "failed to signal shell leader: ", sent.error());
+}
+
+void KeeperLoop::acceptClient() {
+    auto accepted = sys::acceptNonBlocking(listener_.get());
+    if (!accepted)
+        return;
+    if (!sys::setSendBuffer(accepted->get(), kClientSendBufferSize)) {
+        logWarning(LogScope::Keeper,
+                   "rejecting client; socket setup failed: ", Error::SocketConfigurationFailed);
+        return;
+    }
+    if (clients_.size() >= kMaxClients) {
+        logWarning(LogScope::Keeper, "rejecting client; at max_clients=", kMaxClients);
+        return;
+    }
+    clients_.push_back(std::make_unique<KeeperClient>(std::move(*accepted), sys::monotonicMs()));
+}
+
+void KeeperLoop::readPty() {
+    auto got = sys::read(shell_.master.get(), std::span(readBuffer_.get(), kPtyReadSize));
+    if (!got && got.error() == Error::WouldBlock)
+        return;
+    if (!got || *got == 0) {
+        // The terminal is gone: the shell has ended or is about to. Keep
+        // ticking until it is reaped.
+        terminalGone_ = true;
+        terminationRequested_ = true;
+        reapShell();
+        return;
+    }
+    std::string_view bytes(readBuffer_.get(), *got);
+    ring_.append(bytes);
+    for (auto& client : clients_) {
+        if (client->attached && !client->dropped)
+            sendOutput(*client, bytes);
+    }
+}
+
+void KeeperLoop::writePtyInput() {
+    auto written = sys::write(shell_.master.get(), ptyInput_.front());
+    if (written)
+        ptyInput_.consume(*written);
+}
+
+void KeeperLoop::sendOutput(KeeperClient& client, std::string_view payload) {
+    if (!client.output.empty()) {
+        (void)queueFrame(client, FrameType::Output, payload);
+        return;
+    }
+    char header[kFrameHeaderSize];
+    encodeFrameHeader(header, FrameType::Output, payload.size());
+    std::string_view pieces[] = {std::string_view(header, sizeof header), payload};
+    auto written = sys::writev(client.fd.get(), pieces);
+    std::size_t sent = 0;
+    if (written) {
+        sent = *written;
+    } else if (written.error() != Error::WouldBlock) {
+        logWarning(LogScope::Keeper, "client output failed fd=", client.fd.get(),
+                   " err=", written.error());
+        client.dropped = true;
+        return;
+    }
+    if (sent >= sizeof header + payload.size())
+        return;
+    std::string_view headerRest = sent < sizeof header
+                                      ? std::string_view(header + sent, sizeof header - sent)
+                                      : std::string_view();
+    std::string_view payloadRest =
+        sent < sizeof header ? payload : payload.substr(sent - sizeof header);
+    if (auto queued = client.output.append(headerRest, payloadRest, Error::OutputBackpressure);
+        !queued) {
+        logWarning(LogScope::Keeper, "client output queue full fd=", client.fd.get(),
+                   " err=", queued.error());
+        client.dropped = true;
+    }
+}
+
+Result<> KeeperLoop::queueFrame(KeeperClient& client, FrameType type, std::string_view payload) {
+    char header[kFrameHeaderSize];
+    encodeFrameHeader(header, type, payload.size());
+    auto queued = client.output.append(std::string_view(header, sizeof header), payload,
+                                       Error::OutputBackpressure);
+    if (!queued) {
+        logWarning(LogScope::Keeper, "client output queue full fd=", client.fd.get(),
+                   " err=", queued.error());
+        client.dropped = true;
+    }
+    return queued;
+}
+
+void KeeperLoop::flushClient(KeeperClient& client) {
+    while (!client.output.empty()) {
+        auto written = sys::write(client.fd.get(), client.output.front());
+        if (!written && written.error() == Error::WouldBlock)
+            return;
+        if (!written) {
+            logWarning(LogScope::Keeper, "client output failed fd=", client.fd.get(),
+                       " err=", written.error());
+            client.dropped = true;
+            return;
+        }
+        client.output.consume(*written);
+    }
+}
+
+void KeeperLoop::readClient(KeeperClient& client, short revents) {
+    std::span<char> room(client.input.data() + client.inputUsed,
+                         client.input.size() - client.inputUsed);
+    auto got = sys::read(client.fd.get(), room);
+    if (!got && got.error() == Error::WouldBlock)
+        return;
+    if (!got || *got == 0) {
+        dropClient(client);
+        std::size_t remaining = 0;
+        for (const auto& other : clients_)
+            remaining += other->dropped ? 0 : 1;
+        logInfo(LogScope::Keeper, "client dropped fd=", client.fd.get(), " clients=", remaining,
+                " revents=0x", Hex{static_cast<std::uint16_t>(revents)});
+        return;
+    }
+    client.inputUsed += *got;
+
+    std::size_t offset = 0;
+    while (!client.dropped && client.inputUsed - offset >= kFrameHeaderSize) {
+        const char* head = client.input.data() + offset;
+        std::uint32_t length = getU32(head);
+        if (length == 0 || length > kMaxFrameLength) {
+            dropClient(client);
+            return;
+        }
+        if (length > kMaxClientPayload + 1) {
+            dropClient(client);
+            return;
+        }
+        std::size_t frameSize = kFrameHeaderSize + length - 1;
+        if (client.inputUsed - offset < frameSize)
+            break;
+        auto type = static_cast<FrameType>(static_cast<std::uint8_t>(head[4]));
+        std::string_view payload(head + kFrameHeaderSize, length - 1);
+        offset += frameSize;
+        if (auto handled = handleFrame(client, type, payload); !handled) {
+            dropClient(client);
+            return;
+        }
+    }
+    std::copy(client.input.data() + offset, client.input.data() + client.inputUsed,
+              client.input.data());
+    client.inputUsed -= offset;
+}
+
+Result<> KeeperLoop::handleFrame(KeeperClient& client, FrameType type, std::string_view payload) {
+    switch (type) {
+    case FrameType::Hello:
+        return handleHello(client, payload);
+    case FrameType::Attach:
+        if (!client.handshaken)
+            return fail(Error::NotAttached);
+        return handleAttach(client, payload);
+    case FrameType::Input:
+        if (!client.attached)
+            return fail(Error::NotAttached);
+        return ptyInput_.append(payload, {}, Error::InputBackpressure);
+    case FrameType::Resize:
+        if (!client.attached)
+            return fail(Error::NotAttached);
+        return handleResize(client, payload);
+    case FrameType::Ping:
+        return queueFrame(client, FrameType::Pong, {});
+    case FrameType::Shutdown:
+        return handleShutdown(client, payload);
+    case FrameType::PortableTakeover:
+        return handleTakeover(client, payload);
+    default:
+        return {};
+    }
+}
+
+Result<> KeeperLoop::handleHello(KeeperClient& client, std::string_view payload) {
+    std::uint8_t version = payload.empty() ? 0 : static_cast<std::uint8_t>(payload[0]);
+    if (version == kProtocolVersion) {
+        client.handshaken = true;
+        return {};
+    }
+    logWarning(LogScope::Keeper, "client proto v", version, " != keeper v", kProtocolVersion,
+               "; rejecting");
+    char keeperVersion = static_cast<char>(kProtocolVersion);
+    TRY(queueFrame(client, FrameType::VersionMismatch, std::string_view(&keeperVersion, 1)));
+    // Best effort: the client is dropped whether or not it reads the answer.
+    while (!client.output.empty()) {
+        auto written = sys::write(client.fd.get(), client.output.front());
+        if (!written || *written == 0)
+            break;
+        client.output.consume(*written);
+    }
+    return fail(Error::IncompatibleVersion);
+}
+
+Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload) {
+    Winsize size = TRY(parseWinsize(payload));
+    bool sizeChanged = metadata_.cols != size.cols || metadata_.rows != size.rows;
+    applySize(size.cols, size.rows);
+    if (client.attached) {
+        if (sizeChanged)
+            rewriteMetadata();
+        return {};
+    }
+    TRY(queueFrame(client, FrameType::ReplayStart, {}));
+    auto [older, newer] = ring_.pieces();
+    if (!older.empty())
+        TRY(queueFrame(client, FrameType::Output, older));
+    if (!newer.empty())
+        TRY(queueFrame(client, FrameType::Output, newer));
+    TRY(queueFrame(client, FrameType::ReplayEnd, {}));
+    client.attached = true;
+    logInfo(LogScope::Keeper, "client attached fd=", client.fd.get());
+    metadata_.lastAttachedAt = sys::realtimeSeconds();
+    rewriteMetadata();
+    return {};
+}
+
+Result<> KeeperLoop::handleResize(KeeperClient&, std::string_view payload) {
+    Winsize size = TRY(parseWinsize(payload));
+    bool sizeChanged = metadata_.cols != size.cols || metadata_.rows != size.rows;
+    applySize(size.cols, size.rows);
+    if (sizeChanged)
+        rewriteMetadata();
+    return {};
+}
+
+void KeeperLoop::applySize(std::uint16_t cols, std::uint16_t rows) {
+    if (!terminalGone_ && !sys::setWindowSize(shell_.master.get(), {cols, rows}))
+        logWarning(LogScope::Keeper, "setSize failed: ", Error::IoctlFailed);
+    metadata_.cols = cols;
+    metadata_.rows = rows;
+}
+
+void KeeperLoop::rewriteMetadata() {
+    if (auto written = writeSessionMetadata(files_.metadataPath, metadata_); !written)
+        logWarning(LogScope::Keeper, "failed to update session metadata: ", written.error());
+}
+
+Result<> KeeperLoop::handleShutdown(KeeperClient& client, std::string_view payload) {
+    if (!client.handshaken || payload.size() != 1 || (payload[0] != 0 && payload[0] != 1))
+        return fail(Error::InvalidShutdownRequest);
+    TRY(queueFrame(client, FrameType::ShutdownAck, {}));
+    pendingShutdown_ = payload[0] == 1 ? ShellSignal::Forced : ShellSignal::Graceful;
+    return {};
+}
+
+Result<> KeeperLoop::handleTakeover(KeeperClient& client, std::string_view payload) {
+    if (client.attached)
+        return fail(Error::AlreadyAttached);
+    // A request this keeper cannot read is a protocol violation by the client.
+    PortableMetadata requested = TRY(decodePortableTakeover(payload));
+    auto rejection = decideTakeover(requested, &metadata_.portable);
+    if (!rejection)
+        return queueFrame(client, FrameType::PortableTakeoverAccepted, {});
+    return queueFrame(client, FrameType::PortableTakeoverRejected,
+                      encodeTakeoverRejection(*rejection));
+}
+
+void KeeperLoop::dropClient(KeeperClient& client) {
+    client.dropped = true;
+}
+
+void KeeperLoop::removeDroppedClients() {
+    // Densely packed: a removed client's place goes to the last one.
+    for (std::size_t i = 0; i < clients_.size();) {
+        if (!clients_[i]->dropped) {
+            ++i;
+            continue;
+        }
+        clients_[i] = std::move(clients_.back());
+        clients_.pop_back();
+    }
+}
+
+void KeeperLoop::finish() {
+    removeDroppedClients();
+    char status[4];
+    putU32(status, *exitStatus_);
+    for (auto& client : clients_) {
+        if (!client->attached)
+            continue;
+        char header[kFrameHeaderSize];
+        encodeFrameHeader(header, FrameType::Exit, sizeof status);
+        auto queued = client->output.append(std::string_view(header, sizeof header),
+                                            std::string_view(status, sizeof status),
+                                            Error::OutputBackpressure);
+        if (!queued)
+            logWarning(LogScope::Keeper, "failed to queue exit status fd=", client->fd.get(), ": ",
+                       queued.error());
+    }
+    // A client that stops reading cannot hold the keeper forever.
+    std::int64_t deadline = sys::monotonicMs() + kFinalFlushTimeoutMs;
+    for (auto& client : clients_) {
+        while (!client->output.empty()) {
+            auto written = sys::write(client->fd.get(), client->output.front());
+            if (written) {
+                client->output.consume(*written);
+                continue;
+            }
+            if (written.error() == Error::WouldBlock) {
+                std::int64_t left = deadline - sys::monotonicMs();
+                pollfd entry{client->fd.get(), POLLOUT, 0};
+                if (left > 0 &&
+                    sys::poll(std::span(&entry, 1), static_cast<int>(left)).value_or(0) > 0)
+                    continue;
+            }
+            logWarning(LogScope::Keeper, "final client flush failed: ", written.error());
+            break;
+        }
+    }
+    clients_.clear();
+    shell_.master.reset();
+    listener_.reset();
+    (void)sys::unlink(files_.socketPath);
+    (void)sys::unlink(files_.metadataPath);
+}
+
+} // namespace tovel

@@ -1,0 +1,88 @@
+// The keeper's single-threaded event loop: one poll over the listening
+// socket, the PTY master, the signal pipe and up to 32 clients, until the
+// shell has exited and every attached client has been told its status.
+#pragma once
+
+#include "keeper/keeper_client.hpp"
+#include "keeper/replay_ring.hpp"
+#include "keeper/session_metadata.hpp"
+#include "keeper/shell_start.hpp"
+#include "platform/signal.hpp"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tovel {
+
+constexpr std::size_t kMaxClients = 32;
+constexpr std::size_t kPtyReadSize = 65536;
+constexpr std::size_t kPtyInputBound = 1048576;
+
+struct KeeperFiles {
+    std::string socketPath;
+    std::string metadataPath;
+};
+
+// The shell's exit as the Exit frame carries it: the exit code, or for a
+// death by signal the raw wait status with every bit from bit 7 up set.
+[[nodiscard]] std::uint32_t encodeExitStatus(int waitStatus);
+
+class KeeperLoop {
+  public:
+    KeeperLoop(UniqueFd listener, ShellProcess shell, sys::SignalPipe signals, KeeperFiles files,
+               SessionMetadata metadata);
+
+    // Runs until the shell has been reaped; returns its encoded status after
+    // telling and flushing every client and removing the session's files.
+    [[nodiscard]] std::uint32_t run();
+
+  private:
+    enum class ShellSignal { Graceful, Forced };
+
+    [[nodiscard]] int pollTimeout(std::int64_t now) const;
+    void handleSignals();
+    void reapShell();
+    void signalShell(ShellSignal kind);
+    void acceptClient();
+    void readPty();
+    void writePtyInput();
+    void readClient(KeeperClient& client, short revents);
+    [[nodiscard]] Result<> handleFrame(KeeperClient& client, FrameType type,
+                                       std::string_view payload);
+    [[nodiscard]] Result<> handleHello(KeeperClient& client, std::string_view payload);
+    [[nodiscard]] Result<> handleAttach(KeeperClient& client, std::string_view payload);
+    [[nodiscard]] Result<> handleResize(KeeperClient& client, std::string_view payload);
+    [[nodiscard]] Result<> handleShutdown(KeeperClient& client, std::string_view payload);
+    [[nodiscard]] Result<> handleTakeover(KeeperClient& client, std::string_view payload);
+    void applySize(std::uint16_t cols, std::uint16_t rows);
+    void rewriteMetadata();
+    // Queues one frame, or drops the client when its output bound is hit.
+    [[nodiscard]] Result<> queueFrame(KeeperClient& client, FrameType type,
+                                      std::string_view payload);
+    // Sends a frame at once when nothing is queued, queueing what the
+    // socket does not take.
+    void sendOutput(KeeperClient& client, std::string_view payload);
+    void flushClient(KeeperClient& client);
+    void dropClient(KeeperClient& client);
+    void removeDroppedClients();
+    void finish();
+
+    UniqueFd listener_;
+    ShellProcess shell_;
+    sys::SignalPipe signals_;
+    KeeperFiles files_;
+    SessionMetadata metadata_;
+    ReplayRing ring_;
+    ByteQueue ptyInput_{kPtyInputBound};
+    std::vector<std::unique_ptr<KeeperClient>> clients_;
+    std::unique_ptr<char[]> readBuffer_;
+    bool terminationRequested_ = false;
+    bool terminalGone_ = false;
+    std::optional<ShellSignal> pendingShutdown_;
+    std::optional<std::uint32_t> exitStatus_;
+};
+
+} // namespace tovel

@@ -1,0 +1,140 @@
+// The keeper's start-up, in order: lock, socket, PTY and shell, the
+// listening line, metadata, signals, the ready byte; then the event loop.
+#include "keeper/keeper_run.hpp"
+
+#include "cli/log.hpp"
+#include "cli/runtime_dir.hpp"
+#include "keeper/keeper_loop.hpp"
+#include "keeper/session_lock.hpp"
+#include "platform/clock.hpp"
+#include "platform/process.hpp"
+#include "platform/signal.hpp"
+#include "platform/socket.hpp"
+#include "platform/system.hpp"
+
+#include <csignal>
+
+namespace tovel {
+
+namespace {
+
+constexpr int kListenBacklog = 8;
+constexpr mode_t kSocketMode = 0600;
+constexpr char kReadyByte = 'R';
+constexpr char kFailedByte = 'F';
+
+void reportReadiness(int readyFd, char byte) {
+    (void)sys::write(readyFd, std::string_view(&byte, 1));
+    UniqueFd closing(readyFd);
+}
+
+// The listening socket, removed again unless start-up gets through.
+class ListeningSocket {
+  public:
+    ListeningSocket(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
+    ListeningSocket(ListeningSocket&&) = default;
+    ~ListeningSocket() {
+        if (fd_.valid())
+            (void)sys::unlink(path_);
+    }
+    UniqueFd release() { return std::move(fd_); }
+
+  private:
+    UniqueFd fd_;
+    std::string path_;
+};
+
+Result<ListeningSocket> listenOnSessionSocket(const std::string& path) {
+    // The session's lock is held, so a socket file left here belongs to a
+    // keeper that died without cleaning up.
+    (void)sys::unlink(path);
+    UniqueFd fd = TRY(sys::listenUnix(path, kListenBacklog));
+    ListeningSocket socket(std::move(fd), path);
+    TRY(sys::chmod(path, kSocketMode));
+    return socket;
+}
+
+Result<std::string> recordedDirectory(std::string_view cwd) {
+    if (!cwd.empty() && cwd.front() == '/')
+        return std::string(cwd);
+    std::string here = TRY(sys::getcwd());
+    return cwd.empty() ? here : joinPath(here, cwd);
+}
+
+void killShell(pid_t pid) {
+    (void)sys::killProcessGroup(pid, SIGKILL);
+    (void)sys::kill(pid, SIGKILL);
+    (void)sys::waitpid(pid, sys::WaitMode::Block);
+}
+
+struct StartedKeeper {
+    UniqueFd lock;
+    std::unique_ptr<KeeperLoop> loop;
+};
+
+Result<StartedKeeper> startUp(std::string_view id, const SpawnOptions& options) {
+    auto lock = acquireSessionLock(id);
+    if (!lock)
+        return fail(lock.error() == Error::WouldBlock ? Error::SessionAlreadyRunning
+                                                      : lock.error());
+
+    std::string socketPath = TRY(sessionPath(id, ".sock"));
+    std::string metadataPath = TRY(sessionPath(id, ".meta"));
+    ListeningSocket listener = TRY(listenOnSessionSocket(socketPath));
+
+    ShellProcess shell = TRY(startShell(options.cols, options.rows, options.cmd, options.cwd));
+    logInfo(LogScope::Keeper, "keeper listening session=", id, " pid=", sys::getpid(),
+            " sock=", socketPath);
+
+    SessionMetadata metadata;
+    metadata.keeperPid = sys::getpid();
+    metadata.shellPid = shell.pid;
+    metadata.cols = options.cols;
+    metadata.rows = options.rows;
+    metadata.startedAt = sys::realtimeSeconds();
+    // Until someone attaches, the session counts as last used when it
+    // started, so idle times measured from this field stay meaningful.
+    metadata.lastAttachedAt = metadata.startedAt;
+    metadata.portable = options.portable;
+    auto directory = recordedDirectory(options.cwd);
+    metadata.cwd = directory ? *directory : std::string();
+    auto written = writeSessionMetadata(metadataPath, metadata);
+    auto signals = sys::SignalPipe::create();
+    Result<> routed = signals ? Result<>{} : fail(signals.error());
+    if (routed)
+        routed = signals->route(SIGCHLD, 'C');
+    if (routed)
+        routed = signals->route(SIGTERM, 'T');
+    if (routed)
+        routed = signals->route(SIGINT, 'T');
+    if (routed)
+        routed = sys::setSignalIgnored(SIGPIPE);
+    if (!written || !routed) {
+        killShell(shell.pid);
+        (void)sys::unlink(metadataPath);
+        return fail(!written ? written.error() : routed.error());
+    }
+
+    auto loop =
+        std::make_unique<KeeperLoop>(listener.release(), std::move(shell), std::move(*signals),
+                                     KeeperFiles{socketPath, metadataPath}, metadata);
+    return StartedKeeper{std::move(*lock), std::move(loop)};
+}
+
+} // namespace
+
+Result<int> runKeeper(std::string_view id, const SpawnOptions& options, int readyFd) {
+    // The ready descriptor was inherited across this program's exec; the
+    // shell must not inherit it too.
+    (void)sys::setCloseOnExec(readyFd, true);
+    auto started = startUp(id, options);
+    if (!started) {
+        reportReadiness(readyFd, kFailedByte);
+        return fail(started.error());
+    }
+    reportReadiness(readyFd, kReadyByte);
+    std::uint32_t status = started->loop->run();
+    return static_cast<int>(status & 0xFF);
+}
+
+} // namespace tovel

@@ -1,0 +1,39 @@
+// The replay ring.
+#include "keeper/replay_ring.hpp"
+
+#include <cstring>
+
+namespace tovel {
+
+// Left uninitialised on purpose: untouched pages cost an idle keeper nothing.
+ReplayRing::ReplayRing() : bytes_(std::make_unique_for_overwrite<char[]>(kCapacity)) {}
+
+void ReplayRing::append(std::string_view bytes) {
+    if (bytes.size() >= kCapacity) {
+        // Only the newest kCapacity bytes survive; lay them out from zero.
+        std::memcpy(bytes_.get(), bytes.data() + bytes.size() - kCapacity, kCapacity);
+        position_ = 0;
+        wrapped_ = true;
+        return;
+    }
+    std::size_t room = kCapacity - position_;
+    if (bytes.size() < room) {
+        std::memcpy(bytes_.get() + position_, bytes.data(), bytes.size());
+        position_ += bytes.size();
+        return;
+    }
+    std::memcpy(bytes_.get() + position_, bytes.data(), room);
+    std::size_t rest = bytes.size() - room;
+    std::memcpy(bytes_.get(), bytes.data() + room, rest);
+    position_ = rest;
+    wrapped_ = true;
+}
+
+std::pair<std::string_view, std::string_view> ReplayRing::pieces() const {
+    if (!wrapped_)
+        return {std::string_view(bytes_.get(), position_), {}};
+    return {std::string_view(bytes_.get() + position_, kCapacity - position_),
+            std::string_view(bytes_.get(), position_)};
+}
+
+} // namespace tovel
