@@ -1,10 +1,295 @@
-// Placeholder until this command is built: it fails with a named error.
+// The attach client: raw terminal, keystrokes and size changes to the
+// keeper, the keeper's output (with the replay bracket) to the terminal,
+// reconnecting with back-off, and the shell's exit status at the end.
 #include "client/attach.hpp"
+
+#include "cli/log.hpp"
+#include "cli/session_id.hpp"
+#include "client/greeting.hpp"
+#include "client/protocol/frame.hpp"
+#include "client/receive_buffer.hpp"
+#include "client/replay_bracket.hpp"
+#include "client/terminal_mode.hpp"
+#include "platform/clock.hpp"
+#include "platform/random.hpp"
+#include "platform/signal.hpp"
+#include "platform/system.hpp"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
 
 namespace tovel {
 
-CommandResult attachSession(std::string_view, const PortableMetadata&) {
-    return fail(Error::OperationNotSupported);
+namespace {
+
+constexpr std::size_t kInputReadSize = 16384;
+constexpr std::size_t kSignalReadSize = 16;
+constexpr int kMaxReconnectAttempts = 20;
+constexpr int kReconnectBaseDelayMs = 100;
+constexpr int kReconnectMaxShift = 5;
+constexpr int kReconnectMaxDelayMs = 2000;
+// A connection that lasted this long starts a fresh reconnect series.
+constexpr std::int64_t kReconnectResetMs = 4999;
+constexpr int kMaxExitStatus = 255;
+constexpr std::size_t kNonceBytes = 16;
+
+Result<std::string> replayNonce() {
+    std::array<std::byte, kNonceBytes> bytes;
+    TRY(sys::randomBytes(bytes));
+    return hexEncode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+}
+
+Error pipeError(Error error) {
+    switch (error) {
+    case Error::ProcessFdQuotaExceeded:
+    case Error::SystemFdQuotaExceeded:
+        return error;
+    default:
+        return Error::Unexpected;
+    }
+}
+
+Error pollError(Error error) {
+    return error == Error::SystemResources ? Error::SystemResources : Error::Unexpected;
+}
+
+// What handling a batch of keeper frames decided.
+enum class Flow { Continue, Reconnect };
+
+class AttachLoop {
+  public:
+    AttachLoop(std::string_view id, const PortableMetadata& portable, UniqueFd socket,
+               sys::SignalPipe& signals, const std::string& nonce)
+        : id_(id), portable_(portable), socket_(std::move(socket)), signals_(signals),
+          bracket_(nonce, 1), lastConnectMs_(sys::monotonicMs()) {}
+
+    Result<int> run() {
+        auto result = loop();
+        // Whatever ended the attach, an open bracket is closed on screen.
+        bracket_.closeOpen(ReplayBracket::State::Closed);
+        return result;
+    }
+
+  private:
+    Result<int> loop() {
+        std::array<char, kInputReadSize> input;
+        for (;;) {
+            int timeout = bracket_.timeoutMs(sys::monotonicMs());
+            std::array<pollfd, 3> entries{
+                {{0, POLLIN, 0}, {socket_.get(), POLLIN, 0}, {signals_.readFd(), POLLIN, 0}}};
+            auto ready = sys::poll(entries, timeout);
+            if (!ready)
+                return fail(pollError(ready.error()));
+            if (*ready == 0) {
+                bracket_.quietTimeout();
+                continue;
+            }
+
+            if (entries[2].revents != 0) {
+                char bytes[kSignalReadSize];
+                std::size_t got = signals_.drain(bytes).value_or(0);
+                std::string_view received(bytes, got);
+                if (received.find('T') != std::string_view::npos)
+                    return kExitInterrupted;
+                if (received.find('W') != std::string_view::npos)
+                    resizePending_ = true;
+            }
+
+            if (entries[0].revents != 0) {
+                bracket_.localInput();
+                auto got = sys::read(0, std::span(input));
+                if (!got && got.error() == Error::WouldBlock)
+                    return kExitSuccess;
+                if (!got)
+                    return fail(got.error());
+                if (*got == 0)
+                    return kExitSuccess;
+                std::string_view bytes(input.data(), *got);
+                while (!write_frame(socket_.get(), FrameType::Input, bytes)) {
+                    if (auto ending = reconnect())
+                        return *ending;
+                }
+            }
+
+            if (entries[1].revents != 0) {
+                auto flow = TRY(receive());
+                if (exitStatus_)
+                    return *exitStatus_;
+                if (flow == Flow::Reconnect) {
+                    if (auto ending = reconnect())
+                        return *ending;
+                }
+            }
+
+            if (resizePending_) {
+                resizePending_ = false;
+                sys::WindowSize size = localWindowSize();
+                if (!write_frame(socket_.get(), FrameType::Resize,
+                                 encodeWinsize(size.cols, size.rows))) {
+                    if (auto ending = reconnect())
+                        return *ending;
+                }
+            }
+        }
+    }
+
+    Result<Flow> receive() {
+        std::span<char> room = TRY(buffer_.freeSpace());
+        auto got = sys::read(socket_.get(), room);
+        if (!got && got.error() == Error::WouldBlock)
+            return Flow::Continue;
+        if (!got && got.error() != Error::ConnectionResetByPeer)
+            return fail(got.error());
+        if (!got || *got == 0)
+            return Flow::Reconnect;
+        buffer_.filled(*got);
+        TRY(handleFrames());
+        return Flow::Continue;
+    }
+
+    Result<> handleFrames() {
+        std::size_t offset = 0;
+        std::string_view data = buffer_.data();
+        while (data.size() - offset >= kFrameHeaderSize) {
+            std::uint32_t length = getU32(data.data() + offset);
+            if (length == 0 || length > kMaxFrameLength)
+                return fail(Error::InvalidFrame);
+            std::size_t whole = std::size_t{length} + 4;
+            if (data.size() - offset < whole)
+                break;
+            auto type = static_cast<FrameType>(static_cast<std::uint8_t>(data[offset + 4]));
+            std::string_view payload = data.substr(offset + kFrameHeaderSize, length - 1);
+            offset += whole;
+            TRY(handleFrame(type, payload));
+            if (exitStatus_)
+                return {};
+        }
+        buffer_.consume(offset);
+        return {};
+    }
+
+    Result<> handleFrame(FrameType type, std::string_view payload) {
+        switch (type) {
+        case FrameType::Output: {
+            bracket_.beforeOutput();
+            if (auto written = sys::writeAll(1, payload); !written)
+                return fail(written.error());
+            bracket_.afterOutput(sys::monotonicMs());
+            return {};
+        }
+        case FrameType::ReplayStart:
+            bracket_.replayStart();
+            return {};
+        case FrameType::ReplayEnd:
+            bracket_.replayEnd();
+            return {};
+        case FrameType::Exit: {
+            std::uint32_t status = payload.size() >= 4 ? getU32(payload.data()) : 1;
+            exitStatus_ = status <= kMaxExitStatus ? static_cast<int>(status) : 1;
+            return {};
+        }
+        case FrameType::VersionMismatch: {
+            unsigned keeperVersion = payload.empty() ? 0 : static_cast<std::uint8_t>(payload[0]);
+            printStderr("tovel-ptyd: protocol mismatch (keeper v", keeperVersion, ", client v",
+                        static_cast<unsigned>(kProtocolVersion),
+                        "); the daemon is a different build. Restart it (kill the session) to "
+                        "pick up the new binary.\n");
+            exitStatus_ = kExitRefused;
+            return {};
+        }
+        default:
+            return {};
+        }
+    }
+
+    // Reconnects with back-off; nothing on success, else how the attach
+    // ends. A takeover refusal ends it with its own error: a newer owner
+    // holds the session and retrying cannot succeed, so the caller must hear
+    // "refused" rather than "connection lost". Every other failure ends the
+    // attach with status 130.
+    std::optional<Result<int>> reconnect() {
+        auto connected = reconnectSeries();
+        if (connected)
+            return std::nullopt;
+        if (isTakeoverRefusal(connected.error()))
+            return Result<int>(fail(connected.error()));
+        return Result<int>(kExitInterrupted);
+    }
+
+    Result<> reconnectSeries() {
+        std::int64_t now = sys::monotonicMs();
+        if (now - lastConnectMs_ > kReconnectResetMs)
+            attempts_ = 0;
+        bracket_.closeOpen(ReplayBracket::State::Nothing);
+        buffer_.clear();
+        socket_.reset();
+        for (;;) {
+            if (attempts_ >= kMaxReconnectAttempts)
+                return fail(Error::ReconnectLimitReached);
+            int delay = std::min(kReconnectBaseDelayMs << std::min(attempts_, kReconnectMaxShift),
+                                 kReconnectMaxDelayMs);
+            ++attempts_;
+            TRY(waitBeforeRetry(delay));
+            auto connected = connectAndGreet(id_, portable_);
+            if (connected) {
+                socket_ = std::move(*connected);
+                lastConnectMs_ = sys::monotonicMs();
+                return {};
+            }
+            if (isTakeoverRefusal(connected.error()))
+                return fail(connected.error());
+        }
+    }
+
+    // Sleeps on the signal pipe so that a "T" interrupts the wait.
+    Result<> waitBeforeRetry(int delayMs) {
+        std::int64_t deadline = sys::monotonicMs() + delayMs;
+        for (;;) {
+            std::int64_t left = deadline - sys::monotonicMs();
+            if (left <= 0)
+                return {};
+            pollfd entry{signals_.readFd(), POLLIN, 0};
+            auto ready = sys::poll(std::span(&entry, 1), static_cast<int>(left));
+            if (!ready || *ready == 0)
+                continue;
+            char bytes[kSignalReadSize];
+            std::size_t got = signals_.drain(bytes).value_or(0);
+            std::string_view received(bytes, got);
+            if (received.find('T') != std::string_view::npos)
+                return fail(Error::Interrupted);
+            if (received.find('W') != std::string_view::npos)
+                resizePending_ = true;
+        }
+    }
+
+    std::string_view id_;
+    const PortableMetadata& portable_;
+    UniqueFd socket_;
+    sys::SignalPipe& signals_;
+    ReplayBracket bracket_;
+    ReceiveBuffer buffer_;
+    std::int64_t lastConnectMs_;
+    int attempts_ = 0;
+    bool resizePending_ = false;
+    std::optional<int> exitStatus_;
+};
+
+} // namespace
+
+CommandResult attachSession(std::string_view id, const PortableMetadata& portable) {
+    UniqueFd socket = TRY(connectAndGreet(id, portable));
+    RawTerminal terminal = TRY(RawTerminal::enter());
+    auto signals = sys::SignalPipe::create();
+    if (!signals)
+        return fail(pipeError(signals.error()));
+    for (int signal : {SIGTERM, SIGINT, SIGHUP})
+        TRY(signals->route(signal, 'T'));
+    TRY(signals->route(SIGWINCH, 'W'));
+    std::string nonce = TRY(replayNonce());
+
+    AttachLoop loop(id, portable, std::move(socket), *signals, nonce);
+    return loop.run();
 }
 
 } // namespace tovel
