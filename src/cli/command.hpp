@@ -19,6 +19,10 @@ constexpr int kExitRefused = 3;
 constexpr int kExitExecFailed = 127;
 constexpr int kExitInterrupted = 130;
 
+// Writes a command's result to standard output (write errors are ignored:
+// the reader has gone).
+void printStdout(std::string_view text);
+
 // "<command>: invalid arguments (<ErrorName>)\n" on standard error; status 2.
 int reportInvalidArguments(std::string_view command, Error error);
 

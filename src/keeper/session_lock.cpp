@@ -36,6 +36,10 @@ Result<UniqueFd> acquireSessionLock(std::string_view id) {
 
 Result<LockState> probeSessionLock(std::string_view id) {
     std::string path = TRY(sessionPath(id, ".lock"));
+    return probeLockFile(path);
+}
+
+Result<LockState> probeLockFile(std::string_view path) {
     auto fd = sys::open(path, O_RDWR);
     if (!fd && fd.error() == Error::FileNotFound)
         return LockState::Free;

@@ -18,5 +18,8 @@ enum class LockState { Free, Held };
 // Whether a keeper holds the session's lock right now (the probe releases
 // whatever it took at once).
 [[nodiscard]] Result<LockState> probeSessionLock(std::string_view id);
+// The same probe on a lock file's path (callers that must not create the
+// runtime directory).
+[[nodiscard]] Result<LockState> probeLockFile(std::string_view path);
 
 } // namespace tovel

@@ -41,10 +41,6 @@ bool isAbsoluteDirectory(std::string_view value) {
     return !value.empty() && value.front() == '/';
 }
 
-void printStdout(std::string_view text) {
-    (void)sys::writeAll(STDOUT_FILENO, text);
-}
-
 // Finds a global --dir after the command word and exports it as
 // TOVEL_PTYD_DIR. Returns an exit status when the command line must stop.
 std::optional<int> applyGlobalDir(Args args) {

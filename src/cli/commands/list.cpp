@@ -1,10 +1,41 @@
-// Placeholder until this command is built: it fails with a named error.
+// The `list` command: one line or one JSON object per live session.
 #include "cli/commands/list.hpp"
+
+#include "cli/commands/session_listing.hpp"
+
+#include <algorithm>
 
 namespace tovel {
 
-CommandResult listSessions(OutputFormat) {
-    return fail(Error::OperationNotSupported);
+CommandResult listSessions(OutputFormat format) {
+    std::vector<SessionEntry> sessions = enumerateLiveSessions();
+    if (format == OutputFormat::Json) {
+        JsonWriter json;
+        json.beginObject();
+        json.key("protocol_version");
+        json.number(1);
+        json.key("sessions");
+        json.beginArray();
+        for (const auto& entry : sessions)
+            writeSessionJson(json, entry);
+        json.endArray();
+        json.endObject();
+        printStdout(json.text() + "\n");
+        return kExitSuccess;
+    }
+    std::string text;
+    for (const auto& entry : sessions) {
+        text.append(entry.id);
+        if (!entry.metadataBytes.empty()) {
+            // The record's lines flattened into words after the id.
+            std::string flattened = entry.metadataBytes;
+            std::replace(flattened.begin(), flattened.end(), '\n', ' ');
+            text.append(" ").append(flattened);
+        }
+        text.append("\n");
+    }
+    printStdout(text);
+    return kExitSuccess;
 }
 
 } // namespace tovel

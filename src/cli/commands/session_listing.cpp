@@ -1,0 +1,136 @@
+// Enumerating live sessions and describing them as JSON.
+#include "cli/commands/session_listing.hpp"
+
+#include "cli/runtime_dir.hpp"
+#include "cli/session_id.hpp"
+#include "client/protocol/frame.hpp"
+#include "keeper/session_lock.hpp"
+#include "platform/directory.hpp"
+#include "platform/system.hpp"
+
+namespace tovel {
+
+namespace {
+
+constexpr std::string_view kSocketSuffix = ".sock";
+
+bool socketAnswers(const std::string& path) {
+    return connectSocketPath(path).has_value();
+}
+
+// A socket that refuses may belong to a keeper that is still starting (its
+// lock is held) or to one that died: only a free lock proves the files
+// stale, and then they are removed so they cannot mislead anyone.
+bool isLive(const std::string& directory, std::string_view id) {
+    std::string base = joinPath(directory, id);
+    std::string socketPath = base + ".sock";
+    if (socketAnswers(socketPath))
+        return true;
+    auto lock = probeLockFile(base + ".lock");
+    if (socketAnswers(socketPath))
+        return true;
+    if (lock && *lock == LockState::Free) {
+        (void)sys::unlink(socketPath);
+        (void)sys::unlink(base + ".meta");
+    }
+    return false;
+}
+
+std::optional<std::string> sessionIdOf(std::string_view name) {
+    if (!name.ends_with(kSocketSuffix))
+        return std::nullopt;
+    name.remove_suffix(kSocketSuffix.size());
+    if (!isValidSessionId(name))
+        return std::nullopt;
+    return std::string(name);
+}
+
+} // namespace
+
+std::vector<SessionEntry> enumerateLiveSessions() {
+    std::vector<SessionEntry> sessions;
+    auto directory = chooseRuntimeDir();
+    if (!directory)
+        return sessions;
+    auto reader = sys::DirectoryReader::open(*directory);
+    if (!reader)
+        return sessions;
+    std::vector<std::string> candidates;
+    for (;;) {
+        auto entry = reader->next();
+        if (!entry || !*entry)
+            break;
+        if (auto id = sessionIdOf((*entry)->name))
+            candidates.push_back(std::move(*id));
+    }
+    for (auto& id : candidates) {
+        if (!isLive(*directory, id))
+            continue;
+        SessionEntry entry;
+        entry.id = std::move(id);
+        auto bytes = readMetadataBytes(joinPath(*directory, entry.id) + ".meta");
+        if (bytes) {
+            entry.metadataBytes = std::move(*bytes);
+            entry.record = parseSessionMetadata(entry.metadataBytes);
+        }
+        sessions.push_back(std::move(entry));
+    }
+    return sessions;
+}
+
+void writeSessionJson(JsonWriter& json, const SessionEntry& entry) {
+    // A record that failed to parse carries nothing.
+    static const SessionMetadata kNothing;
+    const SessionMetadata& m = entry.record.ok ? entry.record.metadata : kNothing;
+    auto text = [](const std::string& value) {
+        return value.empty() ? std::optional<std::string>() : std::optional<std::string>(value);
+    };
+    auto wide = [](const auto& value) {
+        return value ? std::optional<std::int64_t>(*value) : std::optional<std::int64_t>();
+    };
+    json.beginObject();
+    json.key("protocol_version");
+    json.number(1);
+    json.key("session_id");
+    json.string(entry.id);
+    json.key("workspace_id");
+    json.optionalString(text(m.portable.workspaceId));
+    json.key("replica_id");
+    json.optionalString(text(m.portable.replicaId));
+    json.key("lease_generation");
+    if (m.portable.leaseGeneration)
+        json.unsignedNumber(*m.portable.leaseGeneration);
+    else
+        json.null();
+    json.key("migration_id");
+    json.optionalString(text(m.portable.migrationId));
+    json.key("agent_kind");
+    json.optionalString(text(m.portable.agentKind));
+    json.key("adapter_id");
+    json.optionalString(text(m.portable.adapterId));
+    json.key("label");
+    json.null();
+    json.key("kind");
+    json.string("shell");
+    json.key("cwd");
+    json.optionalString(m.cwd);
+    json.key("started_at");
+    json.optionalNumber(wide(m.startedAt));
+    json.key("last_attached_at");
+    json.optionalNumber(wide(m.lastAttachedAt));
+    json.key("process_state");
+    json.string("running");
+    json.key("metadata_ok");
+    json.boolean(entry.record.ok);
+    json.key("keeper_pid");
+    json.optionalNumber(wide(m.keeperPid));
+    json.key("shell_pid");
+    json.optionalNumber(wide(m.shellPid));
+    json.key("columns");
+    json.optionalNumber(wide(m.cols));
+    json.key("rows");
+    json.optionalNumber(wide(m.rows));
+    json.endObject();
+}
+
+} // namespace tovel
