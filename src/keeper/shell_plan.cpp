@@ -1,6 +1,10 @@
 // Building the shell child's plan before the fork.
 #include "keeper/shell_plan.hpp"
 
+#include "platform/process.hpp"
+
+extern char** environ;
+
 namespace tovel {
 
 std::string loginName(std::string_view shellPath) {
@@ -14,10 +18,8 @@ std::string loginName(std::string_view shellPath) {
     return name;
 }
 
-namespace {
-
-std::vector<std::string> searchCandidates(std::string_view program,
-                                          std::optional<std::string_view> pathVariable) {
+std::vector<std::string> programCandidates(std::string_view program,
+                                           std::optional<std::string_view> pathVariable) {
     if (program.empty() || program.find('/') != std::string_view::npos)
         return {std::string(program)};
     std::string_view search = pathVariable.value_or(kDefaultSearchPath);
@@ -38,7 +40,21 @@ std::vector<std::string> searchCandidates(std::string_view program,
     return candidates;
 }
 
-} // namespace
+Error execCandidates(const std::vector<std::string>& candidates, char* const argv[]) {
+    Error reported = Error::FileNotFound;
+    bool sawAccessDenied = false;
+    for (const auto& candidate : candidates) {
+        Error error = sys::execve(candidate.c_str(), argv, environ).error();
+        if (error == Error::AccessDenied)
+            sawAccessDenied = true;
+        reported = error;
+        if (error != Error::FileNotFound && error != Error::NotDir && error != Error::AccessDenied)
+            break;
+    }
+    // A permission failure on any candidate is more telling than a later
+    // "not found".
+    return sawAccessDenied && reported != Error::InvalidExe ? Error::AccessDenied : reported;
+}
 
 ShellPlan planShell(std::string_view cmd, std::string_view cwd,
                     std::optional<std::string_view> shellVariable,
@@ -72,7 +88,7 @@ ShellPlan planShell(std::string_view cmd, std::string_view cwd,
     for (auto& argument : plan.arguments)
         plan.argv.push_back(argument.data());
     plan.argv.push_back(nullptr);
-    plan.candidates = searchCandidates(plan.shellPath, pathVariable);
+    plan.candidates = programCandidates(plan.shellPath, pathVariable);
     return plan;
 }
 

@@ -44,6 +44,16 @@ struct ShellPlan {
                                   std::optional<std::string_view> shellVariable,
                                   std::optional<std::string_view> pathVariable);
 
+// The paths to try for `program`: itself when it holds a "/", else each
+// directory of the search path (the default one when PATH is absent).
+[[nodiscard]] std::vector<std::string>
+programCandidates(std::string_view program, std::optional<std::string_view> pathVariable);
+
+// Executes the first candidate that runs, as execvp does, with the current
+// environment; returns only on failure, with the error to report. Safe
+// between fork and exec.
+[[nodiscard]] Error execCandidates(const std::vector<std::string>& candidates, char* const argv[]);
+
 // The login shell's argument zero: "-" and the base name of `shellPath`
 // (trailing slashes removed; empty for an empty or all-slash path).
 [[nodiscard]] std::string loginName(std::string_view shellPath);

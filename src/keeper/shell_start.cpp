@@ -13,8 +13,6 @@
 #include <cerrno>
 #include <csignal>
 
-extern char** environ;
-
 namespace tovel {
 
 namespace {
@@ -45,23 +43,6 @@ Error chdirError(Error error) {
     default:
         return Error::Unexpected;
     }
-}
-
-// Tries each candidate as execvp does: the first that runs wins; a
-// permission failure on any of them is reported over a later "not found".
-Error execShell(const ShellPlan& plan) {
-    Error reported = Error::FileNotFound;
-    bool sawAccessDenied = false;
-    for (const auto& candidate : plan.candidates) {
-        auto failed = sys::execve(candidate.c_str(), plan.argv.data(), environ);
-        Error error = failed.error();
-        if (error == Error::AccessDenied)
-            sawAccessDenied = true;
-        reported = error;
-        if (error != Error::FileNotFound && error != Error::NotDir && error != Error::AccessDenied)
-            break;
-    }
-    return sawAccessDenied && reported != Error::InvalidExe ? Error::AccessDenied : reported;
 }
 
 // Runs only in the forked child: set up the terminal and exec the shell.
@@ -96,7 +77,7 @@ Error setUpChild(const ShellPlan& plan, sys::Pty& pty) {
         return *plan.shellError;
     if (plan.argvError)
         return *plan.argvError;
-    return execShell(plan);
+    return execCandidates(plan.candidates, plan.argv.data());
 }
 
 [[noreturn]] void reportChildFailure(int pipeFd, Error error) {
