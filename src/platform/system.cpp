@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -71,6 +72,16 @@ Result<std::size_t> writev(int fd, std::span<const std::string_view> pieces) {
         vectors[i] = {const_cast<char*>(pieces[i].data()), pieces[i].size()};
     for (;;) {
         ssize_t n = ::writev(fd, vectors, static_cast<int>(count));
+        if (n >= 0)
+            return static_cast<std::size_t>(n);
+        if (errno != EINTR)
+            return failErrno();
+    }
+}
+
+Result<std::size_t> sendfile(int out, int in, std::size_t count) {
+    for (;;) {
+        ssize_t n = ::sendfile(out, in, nullptr, count);
         if (n >= 0)
             return static_cast<std::size_t>(n);
         if (errno != EINTR)

@@ -34,6 +34,10 @@ std::string cString(std::string_view text);
 [[nodiscard]] Result<> writeAll(int fd, std::string_view bytes);
 [[nodiscard]] Result<> writeAll(int fd, std::span<const std::byte> bytes);
 
+// sendfile from the current offset of `in`; returns the bytes sent (0 at
+// the end of the file).
+[[nodiscard]] Result<std::size_t> sendfile(int out, int in, std::size_t count);
+
 struct Pipe {
     UniqueFd readEnd;
     UniqueFd writeEnd;

@@ -3,6 +3,7 @@
 // code has sent the browser header set.
 #pragma once
 
+#include "platform/directory.hpp"
 #include "platform/result.hpp"
 
 #include <optional>
@@ -28,6 +29,9 @@ struct BrowserPageRequest {
     // The raw, still percent-encoded value of the "q" parameter when the
     // query has one; the page decodes it and applies the search limits.
     std::optional<std::string_view> rawQuery;
+    // The shown directory, already opened: a directory that cannot be
+    // opened is answered 404 before any of the page is sent.
+    sys::DirectoryReader* directory = nullptr;
 };
 
 // Writes the whole page body. Returns the first failed write's error.

@@ -1,10 +1,212 @@
-// Placeholder until this command is built: it fails with a named error.
+// The `serve` command: options, root checks, the loopback listener, the
+// accept loop with its idle timeout, and one detached thread per connection.
 #include "serve/serve_command.hpp"
+
+#include "cli/log.hpp"
+#include "cli/number.hpp"
+#include "platform/clock.hpp"
+#include "platform/signal.hpp"
+#include "platform/system.hpp"
+#include "platform/tcp.hpp"
+#include "platform/thread.hpp"
+#include "serve/connection.hpp"
+
+#include <charconv>
+#include <csignal>
+#include <new>
+#include <sys/stat.h>
 
 namespace tovel {
 
-CommandResult runServe(Args) {
-    return fail(Error::OperationNotSupported);
+namespace {
+
+constexpr int kListenBacklog = 128;
+constexpr int kIdlePollMs = 1000;
+constexpr std::size_t kConnectionStackSize = 16 * 1024 * 1024;
+
+struct ServeOptions {
+    std::string_view root;
+    std::uint16_t port = 0;
+    serve::BrowseMode browseMode = serve::BrowseMode::Off;
+    std::uint32_t idleTimeoutSeconds = 0; // 0: none
+};
+
+Result<ServeOptions> parseServeOptions(Args args) {
+    if (args.empty())
+        return fail(Error::MissingDirectory);
+    ServeOptions options;
+    bool sawRoot = false, sawPort = false, sawBrowser = false, sawBrowseMode = false,
+         sawIdle = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        std::string_view arg = args[i];
+        bool takesValue = arg == "--port" || arg == "--idle-timeout" || arg == "--dir";
+        if (takesValue && i + 1 >= args.size())
+            return fail(Error::MissingOptionValue);
+        if (arg == "--port") {
+            if (sawPort)
+                return fail(Error::DuplicateOption);
+            sawPort = true;
+            auto port = parseNumber<std::uint16_t>(args[++i]);
+            if (!port)
+                return fail(Error::InvalidOptionValue);
+            options.port = *port;
+        } else if (arg == "--idle-timeout") {
+            if (sawIdle)
+                return fail(Error::DuplicateOption);
+            sawIdle = true;
+            std::string_view value = args[++i];
+            auto seconds = value.starts_with('-') ? fail(Error::InvalidCharacter)
+                                                  : parseNumber<std::uint32_t>(value);
+            if (!seconds || *seconds == 0)
+                return fail(Error::InvalidOptionValue);
+            options.idleTimeoutSeconds = *seconds;
+        } else if (arg == "--dir") {
+            ++i; // the global runtime-directory option: accepted, unused here
+        } else if (arg == "--browser") {
+            if (sawBrowser)
+                return fail(Error::DuplicateOption);
+            sawBrowser = true;
+        } else if (arg == "--browse-mode") {
+            if (sawBrowseMode)
+                return fail(Error::DuplicateOption);
+            sawBrowseMode = true;
+            options.browseMode = serve::BrowseMode::On;
+        } else if (arg.starts_with("--")) {
+            return fail(Error::UnknownOption);
+        } else {
+            if (arg.empty())
+                return fail(Error::InvalidDirectory);
+            if (sawRoot)
+                return fail(Error::DuplicateOption);
+            sawRoot = true;
+            options.root = arg;
+        }
+    }
+    if (!sawRoot)
+        return fail(Error::MissingDirectory);
+    return options;
+}
+
+struct ConnectionCell {
+    int fd;
+    serve::ServeSettings* settings;
+};
+
+void connectionThread(void* raw) {
+    ConnectionCell cell = *static_cast<ConnectionCell*>(raw);
+    delete static_cast<ConnectionCell*>(raw);
+    serve::handleConnection(UniqueFd(cell.fd), *cell.settings);
+}
+
+void dispatch(UniqueFd connection, serve::ServeSettings& settings) {
+    auto* cell = new (std::nothrow) ConnectionCell{connection.get(), &settings};
+    Result<> started = cell ? sys::startDetachedThread(connectionThread, cell, kConnectionStackSize)
+                            : fail(Error::OutOfMemory);
+    if (started) {
+        (void)connection.release();
+        return;
+    }
+    delete cell;
+    logWarning(LogScope::Serve, "thread spawn failed (", started.error(), "); serving inline");
+    serve::handleConnection(std::move(connection), settings);
+}
+
+Result<UniqueFd> listenOnLoopback(std::uint16_t port, std::uint16_t& boundPort) {
+    auto socket = sys::tcpSocket();
+    if (!socket) {
+        printStderr("serve: socket failed: ", socket.error(), "\n");
+        return fail(socket.error());
+    }
+    (void)sys::setReuseAddress(socket->get());
+    if (auto bound = sys::bindLoopback(socket->get(), port); !bound) {
+        printStderr("serve: bind failed: ", bound.error(), "\n");
+        return fail(bound.error());
+    }
+    auto actual = sys::boundPort(socket->get());
+    if (!actual) {
+        printStderr("serve: getsockname failed\n");
+        return fail(actual.error());
+    }
+    if (auto listening = sys::listen(socket->get(), kListenBacklog); !listening) {
+        printStderr("serve: listen failed: ", listening.error(), "\n");
+        return fail(listening.error());
+    }
+    boundPort = *actual;
+    return std::move(*socket);
+}
+
+// Settings outlive every detached connection thread.
+serve::ServeSettings& processSettings() {
+    static serve::ServeSettings* settings = new serve::ServeSettings;
+    return *settings;
+}
+
+} // namespace
+
+CommandResult runServe(Args args) {
+    ServeOptions options = TRY(parseServeOptions(args));
+    serve::ServeSettings& settings = processSettings();
+    settings.browseMode = options.browseMode;
+    settings.root = std::string(options.root);
+    TRY(sys::setSignalIgnored(SIGPIPE));
+
+    auto real = sys::realpath(options.root);
+    if (!real) {
+        printStderr("serve: cannot open directory ", options.root, ": ", real.error(), "\n");
+        return kExitFailure;
+    }
+    settings.rootRealPath = *real;
+    auto status = sys::stat(*real);
+    if (!status) {
+        printStderr("serve: cannot stat ", options.root, ": ", status.error(), "\n");
+        return kExitFailure;
+    }
+    if (!S_ISDIR(status->st_mode)) {
+        printStderr("serve: not a directory: ", options.root, "\n");
+        return kExitFailure;
+    }
+
+    // Start-up failures have printed their own line; the command just fails.
+    std::uint16_t port = 0;
+    auto listening = listenOnLoopback(options.port, port);
+    if (!listening)
+        return kExitFailure;
+    UniqueFd listener = std::move(*listening);
+    char line[48] = "TOVEL_PTYD_SERVE_PORT ";
+    std::size_t prefix = std::char_traits<char>::length(line);
+    char* end = std::to_chars(line + prefix, line + sizeof line - 1, port).ptr;
+    *end++ = '\n';
+    TRY(sys::write(1, std::string_view(line, static_cast<std::size_t>(end - line))));
+    logInfo(LogScope::Serve, "serving ", options.root, " on 127.0.0.1:", port);
+
+    settings.lastActivityMs.store(sys::monotonicMs());
+    std::int64_t idleLimitMs = std::int64_t{options.idleTimeoutSeconds} * 1000;
+    for (;;) {
+        int timeout = -1;
+        if (idleLimitMs > 0) {
+            if (sys::monotonicMs() - settings.lastActivityMs.load() >= idleLimitMs)
+                break;
+            timeout = kIdlePollMs;
+        }
+        pollfd entry{listener.get(), POLLIN, 0};
+        auto ready = sys::poll(std::span(&entry, 1), timeout);
+        if (!ready) {
+            logWarning(LogScope::Serve, "poll failed: ", ready.error());
+            continue;
+        }
+        if (*ready == 0)
+            continue;
+        auto connection = sys::accept(listener.get());
+        if (!connection) {
+            if (connection.error() != Error::WouldBlock &&
+                connection.error() != Error::ConnectionAborted)
+                logWarning(LogScope::Serve, "accept failed: ", connection.error());
+            continue;
+        }
+        dispatch(std::move(*connection), settings);
+    }
+    printStderr("serve: idle timeout after ", options.idleTimeoutSeconds, "s\n");
+    return kExitSuccess;
 }
 
 } // namespace tovel

@@ -1,0 +1,59 @@
+// IPv4 loopback sockets.
+#include "platform/tcp.hpp"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+namespace tovel::sys {
+
+Result<UniqueFd> tcpSocket() {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return fail(errorFromErrno(errno));
+    return UniqueFd(fd);
+}
+
+Result<> setReuseAddress(int fd) {
+    int on = 1;
+    if (::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0)
+        return fail(errorFromErrno(errno));
+    return {};
+}
+
+Result<> bindLoopback(int fd, std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        return fail(errorFromErrno(errno));
+    return {};
+}
+
+Result<std::uint16_t> boundPort(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return fail(errorFromErrno(errno));
+    return ntohs(address.sin_port);
+}
+
+Result<> listen(int fd, int backlog) {
+    if (::listen(fd, backlog) != 0)
+        return fail(errorFromErrno(errno));
+    return {};
+}
+
+Result<UniqueFd> accept(int listenFd) {
+    for (;;) {
+        int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0)
+            return UniqueFd(fd);
+        if (errno != EINTR)
+            return fail(errorFromErrno(errno));
+    }
+}
+
+} // namespace tovel::sys

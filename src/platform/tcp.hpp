@@ -1,0 +1,23 @@
+// IPv4 TCP on the loopback interface: the listening socket of `serve` and
+// accepting its connections.
+#pragma once
+
+#include "platform/result.hpp"
+#include "platform/unique_fd.hpp"
+
+#include <cstdint>
+
+namespace tovel::sys {
+
+// A close-on-exec IPv4 stream socket.
+[[nodiscard]] Result<UniqueFd> tcpSocket();
+[[nodiscard]] Result<> setReuseAddress(int fd);
+// Binds to 127.0.0.1 (the literal address; no name lookup).
+[[nodiscard]] Result<> bindLoopback(int fd, std::uint16_t port);
+// The locally bound port (getsockname).
+[[nodiscard]] Result<std::uint16_t> boundPort(int fd);
+[[nodiscard]] Result<> listen(int fd, int backlog);
+// accept4 with close-on-exec (blocking socket).
+[[nodiscard]] Result<UniqueFd> accept(int listenFd);
+
+} // namespace tovel::sys

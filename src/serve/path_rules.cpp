@@ -1,0 +1,129 @@
+// Path-safety rules.
+#include "serve/path_rules.hpp"
+
+#include "cli/runtime_dir.hpp"
+#include "platform/system.hpp"
+
+#include <sys/stat.h>
+
+namespace tovel::serve {
+
+namespace {
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+bool endsWithFolded(std::string_view text, std::string_view suffix) {
+    if (text.size() < suffix.size())
+        return false;
+    text = text.substr(text.size() - suffix.size());
+    for (std::size_t i = 0; i < suffix.size(); ++i) {
+        char c = text[i];
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+        if (c != suffix[i])
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+std::optional<std::string> percentDecode(std::string_view path) {
+    std::string decoded;
+    decoded.reserve(path.size());
+    for (std::size_t i = 0; i < path.size(); ++i) {
+        char c = path[i];
+        if (c == '%') {
+            if (i + 2 >= path.size())
+                return std::nullopt;
+            int high = hexValue(path[i + 1]);
+            int low = hexValue(path[i + 2]);
+            if (high < 0 || low < 0)
+                return std::nullopt;
+            c = static_cast<char>(high * 16 + low);
+            i += 2;
+        }
+        decoded.push_back(c);
+        if (decoded.size() >= kMaxDecodedPath)
+            return std::nullopt;
+    }
+    return decoded;
+}
+
+std::optional<std::string> relativePathOf(std::string_view decoded) {
+    std::string relative;
+    while (!decoded.empty()) {
+        std::size_t slash = decoded.find('/');
+        std::string_view segment = decoded.substr(0, slash);
+        decoded = slash == std::string_view::npos ? std::string_view() : decoded.substr(slash + 1);
+        if (segment.empty())
+            continue;
+        if (segment == ".." || segment.find('\0') != std::string_view::npos)
+            return std::nullopt;
+        if (!relative.empty())
+            relative.push_back('/');
+        relative.append(segment);
+    }
+    if (relative.size() > kMaxDecodedPath)
+        return std::nullopt;
+    return relative;
+}
+
+bool isInside(std::string_view path, std::string_view directory) {
+    if (!path.starts_with(directory))
+        return false;
+    if (path.size() == directory.size())
+        return true;
+    // The root itself may be "/", whose children do not repeat the slash.
+    return directory.ends_with('/') || path[directory.size()] == '/';
+}
+
+bool isProtectedName(std::string_view name) {
+    if (name == ".netrc" || name == ".npmrc" || name == ".pypirc" || name == ".env" ||
+        name.starts_with(".env."))
+        return true;
+    return endsWithFolded(name, ".pem") || endsWithFolded(name, ".key") ||
+           endsWithFolded(name, ".p12") || endsWithFolded(name, ".pfx");
+}
+
+bool isProtectedPath(std::string_view relativePath) {
+    std::string_view rest = relativePath;
+    std::string_view last;
+    while (!rest.empty()) {
+        std::size_t slash = rest.find('/');
+        std::string_view segment = rest.substr(0, slash);
+        rest = slash == std::string_view::npos ? std::string_view() : rest.substr(slash + 1);
+        if (segment == ".ssh" || segment == ".aws" || segment == ".kube" || segment == ".gnupg" ||
+            segment == ".docker")
+            return true;
+        if (!segment.empty())
+            last = segment;
+    }
+    return isProtectedName(last);
+}
+
+Containment containmentOf(std::string_view rootRealPath, std::string_view relativePath,
+                          std::string_view targetRealPath) {
+    if (isInside(targetRealPath, rootRealPath))
+        return Containment::Inside;
+    std::string_view first = relativePath.substr(0, relativePath.find('/'));
+    if (first.empty())
+        return Containment::Outside;
+    auto mount = sys::realpath(joinPath(rootRealPath, first));
+    if (!mount || isInside(*mount, rootRealPath))
+        return Containment::Outside;
+    auto status = sys::stat(*mount);
+    if (!status || !S_ISDIR(status->st_mode))
+        return Containment::Outside;
+    return isInside(targetRealPath, *mount) ? Containment::ExternalMount : Containment::Outside;
+}
+
+} // namespace tovel::serve
