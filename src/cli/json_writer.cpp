@@ -1,5 +1,6 @@
 // Minified JSON output.
 #include "cli/json_writer.hpp"
+#include "platform/decimal.hpp"
 
 #include <charconv>
 
@@ -88,16 +89,12 @@ void JsonWriter::string(std::string_view value) {
 
 void JsonWriter::number(std::int64_t value) {
     beforeValue();
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    text_.append(digits, end);
+    appendSignedDecimal(text_, value);
 }
 
 void JsonWriter::unsignedNumber(std::uint64_t value) {
     beforeValue();
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    text_.append(digits, end);
+    appendDecimal(text_, value);
 }
 
 void JsonWriter::boolean(bool value) {

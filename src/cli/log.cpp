@@ -117,6 +117,44 @@ bool stderrColour() {
 
 namespace log_detail {
 
+void writePiece(std::string_view text) {
+    writeStderr(text);
+}
+
+void writePiece(const char* text) {
+    writeStderr(text);
+}
+
+void writePiece(char c) {
+    writeStderr(std::string_view(&c, 1));
+}
+
+void writePiece(Error error) {
+    writeStderr(errorName(error));
+}
+
+void writePiece(ErrnoName name) {
+    writeStderr(errnoName(name.value));
+}
+
+void writePiece(Hex hex) {
+    char digits[24];
+    auto end = std::to_chars(digits, digits + sizeof digits, hex.value, 16).ptr;
+    writeStderr(std::string_view(digits, static_cast<std::size_t>(end - digits)));
+}
+
+void writeSigned(std::int64_t value) {
+    char digits[24];
+    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    writeStderr(std::string_view(digits, static_cast<std::size_t>(end - digits)));
+}
+
+void writeUnsigned(std::uint64_t value) {
+    char digits[24];
+    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    writeStderr(std::string_view(digits, static_cast<std::size_t>(end - digits)));
+}
+
 void writeHead(LogLevel level, const LogScope* scope) {
     std::string_view word = "error";
     std::string_view colour = "\x1b[31m";

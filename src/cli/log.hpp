@@ -47,31 +47,22 @@ void writeStderr(std::string_view bytes);
 
 namespace log_detail {
 
-inline void writePiece(std::string_view text) {
-    writeStderr(text);
-}
-inline void writePiece(const char* text) {
-    writeStderr(text);
-}
-inline void writePiece(char c) {
-    writeStderr(std::string_view(&c, 1));
-}
-inline void writePiece(Error error) {
-    writeStderr(errorName(error));
-}
-inline void writePiece(ErrnoName name) {
-    writeStderr(errnoName(name.value));
-}
-inline void writePiece(Hex hex) {
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, hex.value, 16).ptr;
-    writeStderr(std::string_view(digits, static_cast<std::size_t>(end - digits)));
-}
+// Out of line on purpose: log calls are many, and each would otherwise
+// carry its own copy of the number formatting.
+void writePiece(std::string_view text);
+void writePiece(const char* text);
+void writePiece(char c);
+void writePiece(Error error);
+void writePiece(ErrnoName name);
+void writePiece(Hex hex);
+void writeSigned(std::int64_t value);
+void writeUnsigned(std::uint64_t value);
 template <std::integral T>
 requires(!std::same_as<T, char> && !std::same_as<T, bool>) void writePiece(T value) {
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    writeStderr(std::string_view(digits, static_cast<std::size_t>(end - digits)));
+    if constexpr (std::is_signed_v<T>)
+        writeSigned(value);
+    else
+        writeUnsigned(value);
 }
 
 void writeHead(LogLevel level, const LogScope* scope);

@@ -5,14 +5,14 @@
 #include "platform/env.hpp"
 #include "platform/system.hpp"
 
-#include <mutex>
+#include "platform/mutex.hpp"
 #include <unistd.h>
 
 namespace tovel {
 
 namespace {
 
-std::mutex cacheMutex;
+sys::Mutex cacheMutex;
 std::string cachedDir; // empty: not resolved yet
 
 Result<std::string> createRuntimeDir(std::string path) {
@@ -82,7 +82,7 @@ Result<std::string> chooseRuntimeDir() {
 }
 
 Result<std::string> runtimeDir() {
-    std::lock_guard guard(cacheMutex);
+    sys::MutexGuard guard(cacheMutex);
     if (!cachedDir.empty())
         return cachedDir;
     std::string chosen = TRY(chooseRuntimeDir());
@@ -100,7 +100,7 @@ Result<std::string> sessionPath(std::string_view id, std::string_view suffix) {
 }
 
 void resetRuntimeDirForTesting() {
-    std::lock_guard guard(cacheMutex);
+    sys::MutexGuard guard(cacheMutex);
     cachedDir.clear();
 }
 

@@ -1,6 +1,7 @@
 // The `connect` command: creates a session by running this program's own
 // `new` as a child, shows a one-line banner, then attaches to the session.
 #include "client/connect.hpp"
+#include "platform/decimal.hpp"
 
 #include "cli/log.hpp"
 #include "cli/session_id.hpp"
@@ -23,12 +24,6 @@ namespace {
 constexpr std::size_t kNewOutputSize = 64;
 constexpr std::size_t kShortIdLength = 8;
 constexpr int kExecFailureStatus = 127;
-
-std::string decimal(unsigned value) {
-    char digits[12];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    return std::string(digits, end);
-}
 
 Error pipeError(Error error) {
     switch (error) {

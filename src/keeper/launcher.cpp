@@ -1,5 +1,6 @@
 // Starting a keeper in the background and waiting for its ready byte.
 #include "keeper/launcher.hpp"
+#include "platform/decimal.hpp"
 
 #include "keeper/shell_start.hpp"
 #include "platform/process.hpp"
@@ -21,12 +22,6 @@ constexpr int kReadyTimeoutMs = 5000;
 constexpr int kLaunchFailureStatus = 127;
 constexpr char kReadyByte = 'R';
 constexpr char kFailedByte = 'F';
-
-std::string decimal(std::uint64_t value) {
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    return std::string(digits, end);
-}
 
 Error pipeError(Error error) {
     switch (error) {

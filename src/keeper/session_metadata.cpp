@@ -1,5 +1,6 @@
 // Formatting, parsing, writing and reading the metadata record.
 #include "keeper/session_metadata.hpp"
+#include "platform/decimal.hpp"
 
 #include "cli/number.hpp"
 #include "cli/session_id.hpp"
@@ -13,11 +14,12 @@ namespace tovel {
 namespace {
 
 template <typename T> void appendLine(std::string& out, std::string_view key, T value) {
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
     out.append(key);
     out.push_back('=');
-    out.append(digits, static_cast<std::size_t>(end - digits));
+    if constexpr (std::is_signed_v<T>)
+        appendSignedDecimal(out, value);
+    else
+        appendDecimal(out, value);
     out.push_back('\n');
 }
 

@@ -2,7 +2,7 @@
 #include "platform/error.hpp"
 
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
 
 namespace tovel {
 
@@ -159,9 +159,9 @@ std::string_view errnoName(int errnoValue) {
     }
     // Unnamed values: "errno" and the number. Thread-local so concurrent
     // loggers never share the buffer.
-    thread_local char unnamed[24];
-    int length = std::snprintf(unnamed, sizeof unnamed, "errno%d", errnoValue);
-    return std::string_view(unnamed, static_cast<std::size_t>(length));
+    thread_local char unnamed[24] = "errno";
+    char* end = std::to_chars(unnamed + 5, unnamed + sizeof unnamed, errnoValue).ptr;
+    return std::string_view(unnamed, static_cast<std::size_t>(end - unnamed));
 }
 
 } // namespace tovel

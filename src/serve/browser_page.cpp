@@ -1,6 +1,7 @@
 // The file browser's page: header, breadcrumbs, warnings, search form, then
 // the directory listing or the search results, then the closing script.
 #include "serve/browser_page.hpp"
+#include "platform/decimal.hpp"
 
 #include "cli/runtime_dir.hpp"
 #include "platform/system.hpp"
@@ -59,12 +60,6 @@ std::string decodeQuery(std::string_view raw) {
         query.push_back(c);
     }
     return query;
-}
-
-void appendDecimal(std::string& out, std::uint64_t value) {
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    out.append(digits, end);
 }
 
 // One decimal, rounded: 1536 bytes in KiB is "1.5".

@@ -1,5 +1,6 @@
 // Header sets and content types.
 #include "serve/http_response.hpp"
+#include "platform/decimal.hpp"
 
 #include <charconv>
 
@@ -50,12 +51,6 @@ bool equalsFolded(std::string_view text, std::string_view lower) {
             return false;
     }
     return true;
-}
-
-void appendDecimal(std::string& out, std::uint64_t value) {
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    out.append(digits, end);
 }
 
 struct StatusLine {

@@ -1,5 +1,6 @@
 // The bounded subtree search.
 #include "serve/search.hpp"
+#include "platform/decimal.hpp"
 
 #include "platform/system.hpp"
 #include "serve/html_text.hpp"
@@ -232,12 +233,6 @@ class Search {
     std::uint64_t bytesScanned_ = 0;
     bool stopped_ = false;
 };
-
-void appendDecimal(std::string& out, std::uint64_t value) {
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    out.append(digits, end);
-}
 
 } // namespace
 

@@ -1,5 +1,6 @@
 // The `inspect` command: one live session, in words or as JSON.
 #include "cli/commands/inspect.hpp"
+#include "platform/decimal.hpp"
 
 #include "cli/commands/session_listing.hpp"
 #include "cli/log.hpp"
@@ -48,9 +49,8 @@ Result<InspectRequest> parseInspectArguments(Args args) {
 void appendField(std::string& text, std::string_view name, const auto& value) {
     if (!value)
         return;
-    char digits[24];
-    auto end = std::to_chars(digits, digits + sizeof digits, *value).ptr;
-    text.append(" ").append(name).append("=").append(digits, end);
+    text.append(" ").append(name).append("=");
+    appendSignedDecimal(text, static_cast<std::int64_t>(*value));
 }
 
 } // namespace
