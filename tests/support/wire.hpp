@@ -1,0 +1,77 @@
+// Speaking the client-keeper wire protocol inside tests: a small client for
+// driving a real keeper, and a fake keeper for driving the real clients.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tovel::test {
+
+struct WireFrame {
+    std::uint8_t type = 0;
+    std::string payload;
+};
+
+std::string frameBytes(std::uint8_t type, const std::string& payload = {});
+std::string winsizePayload(std::uint16_t cols, std::uint16_t rows);
+std::string u32Payload(std::uint32_t value);
+
+// One connected Unix stream socket with frame helpers.
+class WireConnection {
+  public:
+    explicit WireConnection(int fd = -1) : fd_(fd) {}
+    static WireConnection connectTo(const std::string& path);
+    WireConnection(WireConnection&& other) noexcept;
+    WireConnection& operator=(WireConnection&& other) noexcept;
+    ~WireConnection();
+
+    [[nodiscard]] bool connected() const { return fd_ >= 0; }
+    [[nodiscard]] int fd() const { return fd_; }
+    bool send(const std::string& bytes);
+    bool sendFrame(std::uint8_t type, const std::string& payload = {});
+    // The next whole frame, or nullopt at end of stream or deadline.
+    std::optional<WireFrame>
+    readFrame(std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+    // True when the peer closes within the deadline (frames before it are
+    // discarded).
+    bool closedWithin(std::chrono::milliseconds deadline);
+    void close();
+
+  private:
+    bool fill(std::size_t want, std::chrono::steady_clock::time_point end);
+    int fd_ = -1;
+    std::string pending_;
+};
+
+// Hello then Attach, the greeting of an attaching client.
+WireConnection attachTo(const std::string& socketPath, std::uint16_t cols = 80,
+                        std::uint16_t rows = 24);
+
+// Reads frames until `type` arrives; collects Output payloads on the way.
+struct Collected {
+    std::string output;
+    bool found = false;
+};
+Collected collectUntil(WireConnection& connection, std::uint8_t type,
+                       std::chrono::milliseconds deadline = std::chrono::milliseconds(10000));
+
+// A listening socket standing in for a keeper.
+class FakeKeeper {
+  public:
+    explicit FakeKeeper(const std::string& socketPath);
+    ~FakeKeeper();
+    FakeKeeper(const FakeKeeper&) = delete;
+    FakeKeeper& operator=(const FakeKeeper&) = delete;
+    // The next client, or an unconnected value at the deadline.
+    WireConnection accept(std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+    void stopListening();
+
+  private:
+    std::string path_;
+    int fd_ = -1;
+};
+
+} // namespace tovel::test
