@@ -51,8 +51,9 @@ TEST_P(ReadFrame, ReadsOrNamesTheFault) {
     }
     ASSERT_TRUE(frame);
     ASSERT_EQ(frame->has_value(), GetParam().payload.has_value());
-    if (GetParam().payload)
+    if (GetParam().payload) {
         EXPECT_EQ((*frame)->payload, *GetParam().payload);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
