@@ -286,6 +286,9 @@ CommandResult attachSession(std::string_view id, const PortableMetadata& portabl
     for (int signal : {SIGTERM, SIGINT, SIGHUP})
         TRY(signals->route(signal, 'T'));
     TRY(signals->route(SIGWINCH, 'W'));
+    // A keeper that vanishes mid-write must lead to a reconnect, not kill
+    // the client: writes then fail with BrokenPipe instead.
+    TRY(sys::setSignalIgnored(SIGPIPE));
     std::string nonce = TRY(replayNonce());
 
     AttachLoop loop(id, portable, std::move(socket), *signals, nonce);
