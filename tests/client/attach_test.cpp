@@ -172,10 +172,9 @@ INSTANTIATE_TEST_SUITE_P(
         EndingCase{"Exit", frameBytes(kExit, u32Payload(3)), 3, ""},
         EndingCase{"GarbageLength", std::string("\0\0\0\0\4", 5), 1, "error: InvalidFrame"},
         EndingCase{"EnormousLength", std::string("\x7f\0\0\0\4", 5), 1, "error: InvalidFrame"},
-        EndingCase{
-            "VersionMismatch", frameBytes(kVersionMismatch, std::string(1, '\2')), 3,
-            "tovel-ptyd: protocol mismatch (keeper v2, client v1); the daemon is a "
-            "different build. Restart it (kill the session) to pick up the new binary.\n"}),
+        EndingCase{"VersionMismatch", frameBytes(kVersionMismatch, std::string(1, '\2')), 3,
+                   "tovel-ptyd: protocol mismatch (keeper v2, client v1); the daemon is a "
+                   "different build. Restart it (kill the session) to pick up the new binary.\n"}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(AttachClient, WindowChangesReachTheKeeperAsResize) {
