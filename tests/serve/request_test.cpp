@@ -229,8 +229,7 @@ TEST(ServeIdle, ExitsAfterItsTimeoutWithItsLine) {
     RunOptions run;
     run.env["NO_COLOR"] = "1";
     auto start = std::chrono::steady_clock::now();
-    RunResult result =
-        runBinary({"serve", dir.path(), "--idle-timeout", "1", "--dir", "/x", "--dir", "/y"}, run);
+    RunResult result = runBinary({"serve", dir.path(), "--idle-timeout", "1", "--dir", "/x"}, run);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 1s);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out.rfind("TOVEL_PTYD_SERVE_PORT ", 0), 0u);
