@@ -64,6 +64,12 @@ TEST(ExitStatus, NormalExitsPassSignalDeathsSetHighBits) {
     EXPECT_EQ(encodeExitStatus(SIGTERM | 0x80), 0xFFFFFF8Fu); // with a core dump
 }
 
+std::string dashed(const std::string& name) {
+    std::string login = "-";
+    login.append(name);
+    return login;
+}
+
 struct PlanCase {
     const char* name;
     std::optional<std::string> shell;
@@ -107,7 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
                       PlanCase{"ShellPathTooLong",
                                std::string(4096, 'a'),
                                "",
-                               {"-" + std::string(4096, 'a')},
+                               {dashed(std::string(4096, 'a'))},
                                Error::ShellPathTooLong}),
     [](const auto& info) { return info.param.name; });
 

@@ -1,0 +1,264 @@
+#!/usr/bin/env python3
+"""Persistent-shell benchmarks, side by side in one run: a raw PTY (the
+physical limit), tovel-ptyd, dtach and tmux. Prints a markdown report.
+
+Usage: bench/pty_bench.py [path/to/tovel-ptyd] [--rounds N]
+"""
+import os, pty, select, shutil, signal, statistics, subprocess, sys, tempfile, time, fcntl, termios, struct
+
+BIN = os.path.abspath(next((a for a in sys.argv[1:] if not a.startswith('--')), 'build/tovel-ptyd'))
+ROUNDS = int(sys.argv[sys.argv.index('--rounds') + 1]) if '--rounds' in sys.argv else 5
+WORK = tempfile.mkdtemp(prefix='tvb.')
+ENV = dict(os.environ, TOVEL_PTYD_DIR=WORK, SHELL='/bin/sh', TERM='xterm-256color', NO_COLOR='1')
+MIB = 1048576
+PRODUCER = "head -c %d /dev/zero | tr '\\0' a; echo; echo BENCH-END" % (32 * MIB)
+started = []  # (kind, handle) to clean up
+
+
+def spawn(argv, cols=80, rows=24):
+    pid, fd = pty.fork()
+    if pid == 0:
+        os.execvpe(argv[0], argv, ENV)
+    fcntl.ioctl(fd, termios.TIOCSWINSZ, struct.pack('HHHH', rows, cols, 0, 0))
+    return pid, fd
+
+
+def read_until(fd, needle, timeout=60.0, keep=False):
+    end = time.monotonic() + timeout
+    tail, total, out = b'', 0, b''
+    while time.monotonic() < end:
+        r, _, _ = select.select([fd], [], [], 0.2)
+        if not r:
+            continue
+        try:
+            data = os.read(fd, 1 << 20)
+        except OSError:
+            return None
+        if not data:
+            return None
+        total += len(data)
+        if keep:
+            out += data
+        tail = (tail + data)[-256:]
+        if needle in tail:
+            return out if keep else total
+    return None
+
+
+def finish(pid, fd):
+    try:
+        os.kill(pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    os.waitpid(pid, 0)
+    os.close(fd)
+
+
+def rss_kib(pid):
+    with open('/proc/%d/status' % pid) as f:
+        for line in f:
+            if line.startswith('VmRSS:'):
+                return int(line.split()[1])
+    return 0
+
+
+def tovel_session(cmd):
+    out = subprocess.run([BIN, 'new', '--cmd', cmd], env=ENV, capture_output=True, text=True, check=True).stdout
+    sid = out.strip()
+    meta = dict(l.split('=', 1) for l in open(os.path.join(WORK, sid + '.meta')).read().split('\n') if '=' in l)
+    started.append(('tovel', (sid, int(meta['keeper_pid']))))
+    return sid, int(meta['keeper_pid'])
+
+
+def client_for(kind, cmd):
+    """Starts a session running cmd and returns the argv that attaches to it."""
+    if kind == 'raw':
+        return ['sh', '-c', cmd]
+    if kind == 'tovel':
+        sid, _ = tovel_session(cmd)
+        return [BIN, 'attach', sid]
+    if kind == 'dtach':
+        sock = os.path.join(WORK, 'd%d.sock' % len(started))
+        subprocess.run(['dtach', '-n', sock, '-E', 'sh', '-c', cmd], env=ENV, check=True)
+        started.append(('dtach', sock))
+        return ['dtach', '-a', sock, '-E', '-r', 'none']
+    if kind == 'tmux':
+        name = 'b%d' % len(started)
+        subprocess.run(['tmux', '-L', 'tvbench', 'new-session', '-d', '-s', name, '-x', '80', '-y', '24', 'sh', '-c', cmd + '; sleep 600'], env=ENV, check=True)
+        started.append(('tmux', name))
+        return ['tmux', '-L', 'tvbench', 'attach', '-t', name]
+
+
+def throughput(kind, cols, rows):
+    argv = client_for(kind, 'read go; ' + PRODUCER)
+    pid, fd = spawn(argv, cols, rows)
+    time.sleep(0.3)
+    peak = [0]
+    t0 = time.monotonic()
+    os.write(fd, b'\r')
+    got = read_until(fd, b'BENCH-END')
+    t = time.monotonic() - t0
+    if kind == 'tovel':
+        try:
+            peak[0] = rss_kib(pid)
+        except OSError:
+            pass
+    finish(pid, fd)
+    return (32 * MIB / t / MIB if got else float('nan')), peak[0]
+
+
+def echo_latency(kind, samples=400):
+    argv = client_for(kind, 'cat')
+    pid, fd = spawn(argv)
+    time.sleep(0.4)
+    read_until(fd, b'', timeout=0.2)
+    times = []
+    for i in range(samples):
+        ch = bytes([97 + i % 26])
+        t0 = time.perf_counter()
+        os.write(fd, ch)
+        while True:
+            r, _, _ = select.select([fd], [], [], 2)
+            if not r:
+                break
+            if ch in os.read(fd, 4096):
+                break
+        times.append((time.perf_counter() - t0) * 1e6)
+        if i % 60 == 59:
+            os.write(fd, b'\r')
+            time.sleep(0.005)
+            read_until(fd, b'', timeout=0.01)
+    finish(pid, fd)
+    times.sort()
+    return times[len(times) // 2], times[int(len(times) * 0.99)]
+
+
+def keeper_memory():
+    sid, keeper = tovel_session('read a; head -c 2097152 /dev/zero | tr "\\0" b; echo RING-FULL; read b; head -c 104857600 /dev/zero | tr "\\0" c; echo HUNDRED; read c')
+    time.sleep(0.3)
+    idle = rss_kib(keeper)
+    pid, fd = spawn([BIN, 'attach', sid])
+    time.sleep(0.3)
+    os.write(fd, b'\r')
+    read_until(fd, b'RING-FULL')
+    full = rss_kib(keeper)
+    os.write(fd, b'\r')
+    read_until(fd, b'HUNDRED', timeout=120)
+    after = rss_kib(keeper)
+    finish(pid, fd)
+    return idle, full, after
+
+
+def new_latency():
+    tovel, dtach = [], []
+    for i in range(20):
+        t0 = time.perf_counter()
+        tovel_session('sleep 300')
+        tovel.append((time.perf_counter() - t0) * 1000)
+        sock = os.path.join(WORK, 'n%d.sock' % i)
+        t0 = time.perf_counter()
+        subprocess.run(['dtach', '-n', sock, '-E', 'sleep', '300'], env=ENV, check=True)
+        dtach.append((time.perf_counter() - t0) * 1000)
+        started.append(('dtach', sock))
+    return statistics.median(tovel), statistics.median(dtach)
+
+
+def replay_and_reattach():
+    sid, _ = tovel_session('head -c 2097152 /dev/zero | tr "\\0" r; echo PRINTED; read x')
+    time.sleep(1.0)
+    t0 = time.monotonic()
+    pid, fd = spawn([BIN, 'attach', sid])
+    first = None
+    data = b''
+    end = time.monotonic() + 10
+    while time.monotonic() < end:
+        r, _, _ = select.select([fd], [], [], 0.2)
+        if not r:
+            continue
+        chunk = os.read(fd, 1 << 20)
+        if first is None:
+            first = time.monotonic() - t0
+        data = (data + chunk)[-512:]
+        if b'pty-replay-end' in data:
+            break
+    replay = time.monotonic() - t0
+    finish(pid, fd)
+    # A raw PTY carrying the same mebibyte.
+    t0 = time.monotonic()
+    pid, fd = spawn(['sh', '-c', 'head -c 1048576 /dev/zero | tr "\\0" r; echo RAW-END'])
+    read_until(fd, b'RAW-END')
+    raw = time.monotonic() - t0
+    finish(pid, fd)
+    # dtach's first byte on reattach to a session with output.
+    sock = os.path.join(WORK, 'r.sock')
+    subprocess.run(['dtach', '-n', sock, '-E', 'sh', '-c', 'echo hello; read x'], env=ENV, check=True)
+    started.append(('dtach', sock))
+    time.sleep(0.3)
+    t0 = time.monotonic()
+    pid, fd = spawn(['dtach', '-a', sock, '-E', '-r', 'ctrl_l'])
+    r, _, _ = select.select([fd], [], [], 2)
+    dfirst = time.monotonic() - t0 if r else float('nan')
+    finish(pid, fd)
+    return first * 1000, dfirst * 1000, replay * 1000, raw * 1000
+
+
+def cleanup():
+    for kind, handle in started:
+        if kind == 'tovel':
+            try:
+                os.kill(handle[1], signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+        elif kind == 'tmux':
+            subprocess.run(['tmux', '-L', 'tvbench', 'kill-server'], capture_output=True)
+        elif kind == 'dtach':
+            pass
+    subprocess.run(['pkill', '-KILL', '-f', 'dtach -n ' + WORK], capture_output=True)
+    shutil.rmtree(WORK, ignore_errors=True)
+
+
+def main():
+    kinds = ['raw', 'tovel', 'dtach', 'tmux']
+    try:
+        print('## Persistent shells (%s, %d rounds, interleaved)\n' % (time.strftime('%Y-%m-%d'), ROUNDS))
+        for cols, rows in ((80, 24), (200, 60)):
+            results = {k: [] for k in kinds}
+            rss = []
+            for _ in range(ROUNDS):
+                for k in kinds:
+                    mbs, peak = throughput(k, cols, rows)
+                    results[k].append(mbs)
+                    if peak:
+                        rss.append(peak)
+            raw = statistics.median(results['raw'])
+            print('Throughput %dx%d (MiB/s, median; ratio to raw PTY):\n' % (cols, rows))
+            for k in kinds:
+                m = statistics.median(results[k])
+                print('- %s: %.1f (%.2fx)' % (k, m, m / raw))
+            if rss:
+                print('- tovel attach client RSS while streaming: %d KiB' % max(rss))
+            print()
+        lat = {k: [] for k in kinds}
+        for _ in range(ROUNDS):
+            for k in kinds:
+                lat[k].append(echo_latency(k))
+        rp50 = statistics.median(x[0] for x in lat['raw'])
+        rp99 = statistics.median(x[1] for x in lat['raw'])
+        print('Keystroke echo round trip (µs, p50 / p99; ratio to raw PTY):\n')
+        for k in kinds:
+            p50 = statistics.median(x[0] for x in lat[k])
+            p99 = statistics.median(x[1] for x in lat[k])
+            print('- %s: %.0f / %.0f (%.2fx / %.2fx)' % (k, p50, p99, p50 / rp50, p99 / rp99))
+        idle, full, after = keeper_memory()
+        print('\nKeeper RSS: idle %d KiB, ring full %d KiB, after 100 MiB %d KiB\n' % (idle, full, after))
+        t, d = new_latency()
+        print('`new` returning the id: median %.2f ms; `dtach -n`: %.2f ms (%.2fx)\n' % (t, d, t / d))
+        first, dfirst, replay, raw = replay_and_reattach()
+        print('Reattach first byte: tovel %.2f ms, dtach %.2f ms' % (first, dfirst))
+        print('Full 1 MiB replay to end marker: %.2f ms; raw PTY carrying 1 MiB: %.2f ms (%.2fx)' % (replay, raw, replay / raw))
+    finally:
+        cleanup()
+
+
+if __name__ == '__main__':
+    main()
