@@ -2,6 +2,7 @@
 #include "serve/path_rules.hpp"
 
 #include "cli/runtime_dir.hpp"
+#include "platform/decimal.hpp"
 #include "platform/system.hpp"
 
 #include <sys/stat.h>
@@ -9,16 +10,6 @@
 namespace tovel::serve {
 
 namespace {
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 bool endsWithFolded(std::string_view text, std::string_view suffix) {
     if (text.size() < suffix.size())
@@ -44,8 +35,8 @@ std::optional<std::string> percentDecode(std::string_view path) {
         if (c == '%') {
             if (i + 2 >= path.size())
                 return std::nullopt;
-            int high = hexValue(path[i + 1]);
-            int low = hexValue(path[i + 2]);
+            int high = hexDigitValue(path[i + 1]);
+            int low = hexDigitValue(path[i + 2]);
             if (high < 0 || low < 0)
                 return std::nullopt;
             c = static_cast<char>(high * 16 + low);

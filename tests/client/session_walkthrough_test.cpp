@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <sstream>
+#include <termios.h>
 
 namespace tovel::test {
 namespace {
@@ -58,6 +59,14 @@ TEST_F(Walkthrough, ConnectDropReattachReplays) {
                           id_ + "`\x1b[0m\r"),
               std::string::npos);
 
+    // Typing before raw mode would be flushed with the cooked line: wait
+    // until the client has switched the terminal.
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            termios mode{};
+            return ::tcgetattr(first->master(), &mode) == 0 && (mode.c_lflag & ICANON) == 0;
+        },
+        20s));
     first->write("echo marker-$((6*7))\r");
     ASSERT_TRUE(first->readUntil("marker-42", 20s));
     // Closing the terminal: the client gets SIGHUP and ends with 130.
