@@ -185,6 +185,10 @@ TEST_F(AttachClient, WindowChangesReachTheKeeperAsResize) {
     auto greeting = client.readFrame();
     ASSERT_TRUE(greeting);
     EXPECT_EQ(greeting->payload, winsizePayload(90, 30));
+    // Output on the terminal proves the client's loop, and so its signal
+    // handlers, are running.
+    client.send(frameBytes(kReplayStart) + frameBytes(kReplayEnd) + frameBytes(kOutput, "up"));
+    ASSERT_TRUE(attach.readUntil("up"));
     attach.resize(120, 40);
     auto resize = client.readFrame();
     ASSERT_TRUE(resize);
