@@ -10,6 +10,7 @@
 #include "serve/html_text.hpp"
 #include "serve/http_response.hpp"
 #include "serve/path_rules.hpp"
+#include "serve/protected_path.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
