@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 namespace tovel::sys {
 
@@ -44,6 +45,26 @@ Result<> listen(int fd, int backlog) {
     if (::listen(fd, backlog) != 0)
         return fail(errorFromErrno(errno));
     return {};
+}
+
+namespace {
+
+Result<> setTimeout(int fd, int option, int seconds) {
+    timeval limit{};
+    limit.tv_sec = seconds;
+    if (::setsockopt(fd, SOL_SOCKET, option, &limit, sizeof limit) != 0)
+        return fail(errorFromErrno(errno));
+    return {};
+}
+
+} // namespace
+
+Result<> setReceiveTimeout(int fd, int seconds) {
+    return setTimeout(fd, SO_RCVTIMEO, seconds);
+}
+
+Result<> setSendTimeout(int fd, int seconds) {
+    return setTimeout(fd, SO_SNDTIMEO, seconds);
 }
 
 Result<UniqueFd> accept(int listenFd) {

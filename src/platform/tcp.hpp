@@ -17,7 +17,12 @@ namespace tovel::sys {
 // The locally bound port (getsockname).
 [[nodiscard]] Result<std::uint16_t> boundPort(int fd);
 [[nodiscard]] Result<> listen(int fd, int backlog);
-// accept4 with close-on-exec (blocking socket).
+// accept4 with close-on-exec. The new socket blocks, whatever the listener
+// does; a non-blocking listener with nothing pending gives WouldBlock.
 [[nodiscard]] Result<UniqueFd> accept(int listenFd);
+// SO_RCVTIMEO / SO_SNDTIMEO: a blocking read or write that makes no progress
+// for this long fails with WouldBlock.
+[[nodiscard]] Result<> setReceiveTimeout(int fd, int seconds);
+[[nodiscard]] Result<> setSendTimeout(int fd, int seconds);
 
 } // namespace tovel::sys

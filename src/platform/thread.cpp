@@ -2,8 +2,6 @@
 #include "platform/thread.hpp"
 
 #include <cerrno>
-#include <new>
-#include <pthread.h>
 #include <unistd.h>
 
 namespace tovel::sys {
@@ -12,44 +10,44 @@ namespace {
 
 constexpr std::size_t kFallbackPageSize = 65536;
 
-struct Start {
-    ThreadEntry entry;
-    void* argument;
-};
-
-void* trampoline(void* raw) {
-    Start start = *static_cast<Start*>(raw);
-    delete static_cast<Start*>(raw);
-    start.entry(start.argument);
-    return nullptr;
-}
-
 std::size_t pageSize() {
     long size = ::sysconf(_SC_PAGESIZE);
     return size > 0 ? static_cast<std::size_t>(size) : kFallbackPageSize;
 }
 
+Error threadError(int code) {
+    return code == EAGAIN ? Error::SystemResources : Error::Unexpected;
+}
+
 } // namespace
 
-Result<> startDetachedThread(ThreadEntry entry, void* argument, std::size_t stackSize) {
-    pthread_attr_t attributes;
-    if (::pthread_attr_init(&attributes) != 0)
+Result<DetachedThreadStarter> DetachedThreadStarter::create(std::size_t stackSize) {
+    DetachedThreadStarter starter;
+    if (int failed = ::pthread_attr_init(&starter.attributes_); failed != 0)
+        return fail(threadError(failed));
+    starter.owned_ = true;
+    if (::pthread_attr_setdetachstate(&starter.attributes_, PTHREAD_CREATE_DETACHED) != 0 ||
+        ::pthread_attr_setstacksize(&starter.attributes_, stackSize) != 0 ||
+        ::pthread_attr_setguardsize(&starter.attributes_, pageSize()) != 0)
         return fail(Error::Unexpected);
-    ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    ::pthread_attr_setstacksize(&attributes, stackSize);
-    ::pthread_attr_setguardsize(&attributes, pageSize());
-    auto* start = new (std::nothrow) Start{entry, argument};
-    if (start == nullptr) {
-        ::pthread_attr_destroy(&attributes);
-        return fail(Error::OutOfMemory);
-    }
+    return starter;
+}
+
+DetachedThreadStarter::DetachedThreadStarter(DetachedThreadStarter&& other) noexcept
+    : attributes_(other.attributes_), owned_(other.owned_) {
+    other.owned_ = false;
+}
+
+DetachedThreadStarter::~DetachedThreadStarter() {
+    if (owned_)
+        ::pthread_attr_destroy(&attributes_);
+}
+
+Result<> DetachedThreadStarter::start(ThreadEntry entry, void* argument) {
     pthread_t thread;
-    int failed = ::pthread_create(&thread, &attributes, trampoline, start);
-    ::pthread_attr_destroy(&attributes);
-    if (failed == 0)
-        return {};
-    delete start;
-    return fail(failed == EAGAIN ? Error::SystemResources : Error::Unexpected);
+    if (int failed = ::pthread_create(&thread, &attributes_, entry, argument); failed != 0)
+        return fail(threadError(failed));
+    return {};
 }
 
 } // namespace tovel::sys

@@ -8,6 +8,7 @@
 #include "serve/html_text.hpp"
 #include "serve/page_style.hpp"
 #include "serve/path_rules.hpp"
+#include "serve/protected_path.hpp"
 #include "serve/search.hpp"
 
 #include <charconv>

@@ -6,10 +6,13 @@
 #include "platform/clock.hpp"
 #include "platform/directory.hpp"
 #include "platform/system.hpp"
+#include "platform/tcp.hpp"
 #include "serve/browser_page.hpp"
 #include "serve/html_text.hpp"
 #include "serve/http_response.hpp"
 #include "serve/path_rules.hpp"
+#include "serve/protected_path.hpp"
+#include "serve/redirect_location.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,6 +23,14 @@ namespace {
 
 constexpr std::string_view kBrowserPrefix = "/__tovel";
 constexpr std::size_t kFileChunkSize = 65536;
+// sendfile moves file bytes to the socket inside the kernel; large counts
+// keep a big download to a handful of calls.
+constexpr std::size_t kSendfileChunkSize = 4 * 1024 * 1024;
+// A client that sends half a head and then nothing, or stops reading its
+// response, would otherwise hold its thread forever. Its connection is
+// closed after this long without progress, as if it had gone away.
+constexpr int kHeadReadTimeoutSeconds = 60;
+constexpr int kStalledSendTimeoutSeconds = 120;
 constexpr std::size_t kPageBufferSize = 16384;
 
 enum class Method { Get, Head };
@@ -77,6 +88,19 @@ bool flagOn(std::string_view query, std::string_view name) {
     return queryParameter(query, name) == std::string_view("1");
 }
 
+// Writes all of `bytes` to the blocking socket. A client that has read
+// nothing for the send timeout (WouldBlock) ends the response like one that
+// has gone away.
+Result<> sendAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        std::size_t written = TRY(sys::write(fd, bytes));
+        if (written == 0)
+            return fail(Error::BrokenPipe);
+        bytes.remove_prefix(written);
+    }
+    return {};
+}
+
 class Responder {
   public:
     Responder(int fd, Method method) : fd_(fd), method_(method) {}
@@ -84,22 +108,13 @@ class Responder {
     void error(Status status) {
         send(errorResponse(status, method_ == Method::Head ? Body::Omit : Body::Send));
     }
-    // Redirect targets are built from the request path as received. A
-    // leading run of slashes is collapsed to one so that the Location is
-    // always a path on this server, never "//host" elsewhere.
-    void redirect(std::string_view prefix, std::string_view path, std::string_view suffix) {
-        if (prefix.empty()) {
-            std::size_t slashes = path.find_first_not_of('/');
-            if (slashes != std::string_view::npos && slashes > 1)
-                path.remove_prefix(slashes - 1);
-            else if (slashes == std::string_view::npos && path.size() > 1)
-                path = path.substr(path.size() - 1);
-        }
-        std::string location(prefix);
-        location.append(path).append(suffix);
-        send(redirectHead(location));
+    // Redirects that repeat the request path build it from the path as
+    // received, in one way for every route (see redirectLocation): the
+    // target always stays a path on this server.
+    void redirect(std::string_view prefix, std::string_view rawPath, std::string_view suffix) {
+        send(redirectHead(redirectLocation(prefix, rawPath, suffix)));
     }
-    bool send(std::string_view bytes) { return sys::writeAll(fd_, bytes).has_value(); }
+    bool send(std::string_view bytes) { return sendAll(fd_, bytes).has_value(); }
     [[nodiscard]] Method method() const { return method_; }
     [[nodiscard]] int fd() const { return fd_; }
 
@@ -116,14 +131,14 @@ class SocketBodyWriter final : public BodyWriter {
         if (buffer_.size() + bytes.size() > kPageBufferSize)
             TRY(flush());
         if (bytes.size() >= kPageBufferSize)
-            return sys::writeAll(fd_, bytes);
+            return sendAll(fd_, bytes);
         buffer_.append(bytes);
         return {};
     }
     Result<> flush() {
         if (buffer_.empty())
             return {};
-        auto written = sys::writeAll(fd_, buffer_);
+        auto written = sendAll(fd_, buffer_);
         buffer_.clear();
         return written;
     }
@@ -183,15 +198,19 @@ bool isProtectedTarget(const ServeSettings& settings, const Resolved& target) {
     return isProtectedPath(real);
 }
 
-void sendFile(Responder& out, const std::string& realPath, std::string_view name,
-              Disposition disposition) {
-    auto file = sys::open(realPath, O_RDONLY);
+// Sends the regular file checked as `checked`. The file opened must be that
+// same file: one swapped in after the checks (say, for a link to a secret or
+// a FIFO that would block the open) is answered as missing.
+void sendFile(Responder& out, const std::string& realPath, const struct stat& checked,
+              std::string_view name, Disposition disposition) {
+    auto file = sys::open(realPath, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
     if (!file) {
         out.error(Status::NotFound);
         return;
     }
     auto status = sys::fstat(file->get());
-    if (!status) {
+    if (!status || !S_ISREG(status->st_mode) || status->st_dev != checked.st_dev ||
+        status->st_ino != checked.st_ino) {
         out.error(Status::NotFound);
         return;
     }
@@ -202,7 +221,7 @@ void sendFile(Responder& out, const std::string& realPath, std::string_view name
         return;
     std::uint64_t left = size;
     while (left > 0) {
-        auto sent = sys::sendfile(out.fd(), file->get(), kFileChunkSize * 16);
+        auto sent = sys::sendfile(out.fd(), file->get(), kSendfileChunkSize);
         if (sent && *sent > 0) {
             left -= std::min<std::uint64_t>(left, *sent);
             continue;
@@ -259,7 +278,14 @@ void serveRaw(Responder& out, const ServeSettings& settings, const Request& requ
             out.error(Status::NotFound);
             return;
         }
-        sendFile(out, *index, "index.html", disposition);
+        // An index page is a file like any other: inside ".ssh", or a link
+        // to a key, it is refused.
+        Resolved indexTarget{std::move(indexRelative), std::move(*index), *status};
+        if (isProtectedTarget(settings, indexTarget)) {
+            out.error(Status::Forbidden);
+            return;
+        }
+        sendFile(out, indexTarget.realPath, indexTarget.status, "index.html", disposition);
         return;
     }
     if (!S_ISREG(target->status.st_mode)) {
@@ -270,7 +296,7 @@ void serveRaw(Responder& out, const ServeSettings& settings, const Request& requ
         out.error(Status::Forbidden);
         return;
     }
-    sendFile(out, target->realPath, lastSegment(target->relative), disposition);
+    sendFile(out, target->realPath, target->status, lastSegment(target->relative), disposition);
 }
 
 bool hasHiddenSegment(std::string_view decoded) {
@@ -362,7 +388,7 @@ void answer(int fd, ServeSettings& settings, std::string_view head) {
         return;
     }
     if (request.path == kBrowserPrefix) {
-        out.send(redirectHead("/__tovel/"));
+        out.redirect(kBrowserPrefix, "/", "");
         return;
     }
     if (request.path.starts_with("/__tovel/")) {
@@ -375,6 +401,8 @@ void answer(int fd, ServeSettings& settings, std::string_view head) {
 } // namespace
 
 void handleConnection(UniqueFd socket, ServeSettings& settings) {
+    (void)sys::setReceiveTimeout(socket.get(), kHeadReadTimeoutSeconds);
+    (void)sys::setSendTimeout(socket.get(), kStalledSendTimeoutSeconds);
     char buffer[kRequestHeadSize];
     auto head = readHead(socket.get(), std::span(buffer, sizeof buffer));
     if (head)

@@ -9,24 +9,6 @@
 
 namespace tovel::serve {
 
-namespace {
-
-bool endsWithFolded(std::string_view text, std::string_view suffix) {
-    if (text.size() < suffix.size())
-        return false;
-    text = text.substr(text.size() - suffix.size());
-    for (std::size_t i = 0; i < suffix.size(); ++i) {
-        char c = text[i];
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-        if (c != suffix[i])
-            return false;
-    }
-    return true;
-}
-
-} // namespace
-
 std::optional<std::string> percentDecode(std::string_view path) {
     std::string decoded;
     decoded.reserve(path.size());
@@ -75,30 +57,6 @@ bool isInside(std::string_view path, std::string_view directory) {
         return true;
     // The root itself may be "/", whose children do not repeat the slash.
     return directory.ends_with('/') || path[directory.size()] == '/';
-}
-
-bool isProtectedName(std::string_view name) {
-    if (name == ".netrc" || name == ".npmrc" || name == ".pypirc" || name == ".env" ||
-        name.starts_with(".env."))
-        return true;
-    return endsWithFolded(name, ".pem") || endsWithFolded(name, ".key") ||
-           endsWithFolded(name, ".p12") || endsWithFolded(name, ".pfx");
-}
-
-bool isProtectedPath(std::string_view relativePath) {
-    std::string_view rest = relativePath;
-    std::string_view last;
-    while (!rest.empty()) {
-        std::size_t slash = rest.find('/');
-        std::string_view segment = rest.substr(0, slash);
-        rest = slash == std::string_view::npos ? std::string_view() : rest.substr(slash + 1);
-        if (segment == ".ssh" || segment == ".aws" || segment == ".kube" || segment == ".gnupg" ||
-            segment == ".docker")
-            return true;
-        if (!segment.empty())
-            last = segment;
-    }
-    return isProtectedName(last);
 }
 
 Containment containmentOf(std::string_view rootRealPath, std::string_view relativePath,

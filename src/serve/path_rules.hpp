@@ -1,6 +1,6 @@
 // The server's path-safety rules: percent-decoding of request paths, the
-// segment rules, containment in the root (with the external-symlink mount),
-// and the protected names that are never served.
+// segment rules, and containment in the root (with the external-symlink
+// mount). The protected names live in protected_path.hpp.
 #pragma once
 
 #include "platform/result.hpp"
@@ -24,12 +24,6 @@ constexpr std::size_t kMaxDecodedPath = 4096;
 
 // `path` equals `directory` or lies below it (bytes only).
 [[nodiscard]] bool isInside(std::string_view path, std::string_view directory);
-
-// A protected last segment: .netrc .npmrc .pypirc .env .env.* and names
-// ending (ASCII case-insensitively) in .pem .key .p12 .pfx.
-[[nodiscard]] bool isProtectedName(std::string_view name);
-// Any segment .ssh .aws .kube .gnupg .docker, or a protected last segment.
-[[nodiscard]] bool isProtectedPath(std::string_view relativePath);
 
 enum class Containment { Inside, ExternalMount, Outside };
 

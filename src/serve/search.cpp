@@ -4,7 +4,7 @@
 
 #include "platform/system.hpp"
 #include "serve/html_text.hpp"
-#include "serve/path_rules.hpp"
+#include "serve/protected_path.hpp"
 
 #include <array>
 #include <charconv>

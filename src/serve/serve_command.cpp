@@ -87,21 +87,24 @@ Result<ServeOptions> parseServeOptions(Args args) {
     return options;
 }
 
+// The accepted descriptor travels to its thread in a small heap cell, the
+// one allocation a connection costs the accept loop; the thread frees it.
 struct ConnectionCell {
     int fd;
     serve::ServeSettings* settings;
 };
 
-void connectionThread(void* raw) {
+void* connectionThread(void* raw) {
     ConnectionCell cell = *static_cast<ConnectionCell*>(raw);
     delete static_cast<ConnectionCell*>(raw);
     serve::handleConnection(UniqueFd(cell.fd), *cell.settings);
+    return nullptr;
 }
 
-void dispatch(UniqueFd connection, serve::ServeSettings& settings) {
+void dispatch(UniqueFd connection, serve::ServeSettings& settings,
+              sys::DetachedThreadStarter& threads) {
     auto* cell = new (std::nothrow) ConnectionCell{connection.get(), &settings};
-    Result<> started = cell ? sys::startDetachedThread(connectionThread, cell, kConnectionStackSize)
-                            : fail(Error::OutOfMemory);
+    Result<> started = cell ? threads.start(connectionThread, cell) : fail(Error::OutOfMemory);
     if (started) {
         (void)connection.release();
         return;
@@ -109,6 +112,12 @@ void dispatch(UniqueFd connection, serve::ServeSettings& settings) {
     delete cell;
     logWarning(LogScope::Serve, "thread spawn failed (", started.error(), "); serving inline");
     serve::handleConnection(std::move(connection), settings);
+}
+
+// The poll of the accept loop reports only two names: running out of memory
+// is worth telling apart, anything else is unexpected.
+Error pollFailureName(Error error) {
+    return error == Error::SystemResources ? Error::SystemResources : Error::Unexpected;
 }
 
 Result<UniqueFd> listenOnLoopback(std::uint16_t port, std::uint16_t& boundPort) {
@@ -131,6 +140,9 @@ Result<UniqueFd> listenOnLoopback(std::uint16_t port, std::uint16_t& boundPort) 
         printStderr("serve: listen failed: ", listening.error(), "\n");
         return fail(listening.error());
     }
+    // A connection that is reset between poll and accept must not leave the
+    // loop blocked in accept past its idle deadline.
+    (void)sys::setNonBlocking(socket->get());
     boundPort = *actual;
     return std::move(*socket);
 }
@@ -166,6 +178,7 @@ CommandResult runServe(Args args) {
         return kExitFailure;
     }
 
+    auto threads = TRY(sys::DetachedThreadStarter::create(kConnectionStackSize));
     // Start-up failures have printed their own line; the command just fails.
     std::uint16_t port = 0;
     auto listening = listenOnLoopback(options.port, port);
@@ -191,7 +204,7 @@ CommandResult runServe(Args args) {
         pollfd entry{listener.get(), POLLIN, 0};
         auto ready = sys::poll(std::span(&entry, 1), timeout);
         if (!ready) {
-            logWarning(LogScope::Serve, "poll failed: ", ready.error());
+            logWarning(LogScope::Serve, "poll failed: ", pollFailureName(ready.error()));
             continue;
         }
         if (*ready == 0)
@@ -203,7 +216,7 @@ CommandResult runServe(Args args) {
                 logWarning(LogScope::Serve, "accept failed: ", connection.error());
             continue;
         }
-        dispatch(std::move(*connection), settings);
+        dispatch(std::move(*connection), settings, threads);
     }
     printStderr("serve: idle timeout after ", options.idleTimeoutSeconds, "s\n");
     return kExitSuccess;

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace tovel::test {
@@ -29,12 +30,30 @@ class Serve : public ServeFixture {
         writeFile("app/.envrc", "fine");
         writeFile("app/env.pem.txt", "fine");
         writeFile("site/index.html", "<p>index</p>");
+        writeFile(".ssh/index.html", "secret");
+        writeFile("certs/a.P12", "secret");
+        writeFile("certs/b.pFx", "secret");
+        writeFile("app/.env.production", "secret");
+        writeFile("docs/sub/keep.txt", "keep");
+        writeFile("evil.host/x.txt", "x");
+        writeFile("\\evil.host/x.txt", "x");
+        writeFile("nl\n/x.txt", "x");
         tree_.writeFile("outside/secret.txt", "outside");
         tree_.writeFile("mounted/shared.txt", "shared");
+        tree_.writeFile("mounted/.ssh/id", "secret");
+        tree_.writeFile("mounted/cert.PEM", "secret");
         link(tree_.path() + "/mounted", "data");
         link(tree_.path() + "/outside", "docs/deep");
+        link(tree_.path() + "/outside", "docs/sub/deeper");
+        ASSERT_EQ(::symlink((tree_.path() + "/outside").c_str(),
+                            (tree_.path() + "/mounted/away").c_str()),
+                  0);
         link(tree_.path() + "/outside/secret.txt", "escape.txt");
+        link(root() + "/data", "docs/viamount");
         link(root() + "/id.pem", "innocent.txt");
+        link(root() + "/.ssh", "keys");
+        writeFile("site2/placeholder", "");
+        link(root() + "/id.pem", "site2/index.html");
         startServer();
     }
 };
@@ -52,10 +71,13 @@ struct TargetCase {
 class HostileTarget : public Serve, public ::testing::WithParamInterface<TargetCase> {};
 
 TEST_P(HostileTarget, IsNeverServed) {
-    std::string response = get(GetParam().target);
-    EXPECT_EQ(statusLine(response), GetParam().status) << GetParam().target;
-    EXPECT_EQ(response.find("secret"), std::string::npos);
-    EXPECT_EQ(response.find("outside\n"), std::string::npos);
+    for (const char* method : {"GET ", "HEAD "}) {
+        std::string response = exchange(method + GetParam().target + " HTTP/1.1\r\n\r\n");
+        EXPECT_EQ(statusLine(response), GetParam().status) << method << GetParam().target;
+        EXPECT_EQ(response.find("secret"), std::string::npos);
+        EXPECT_EQ(response.find("outside"), std::string::npos);
+    }
+    EXPECT_EQ(body(get("/ok.txt")), "hello\n"); // and the server is still there
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -82,7 +104,56 @@ INSTANTIATE_TEST_SUITE_P(
         TargetCase{"BrowserProtectedFile", "/__tovel/id.pem", "HTTP/1.1 403 Forbidden"},
         TargetCase{"BrowserHiddenSegment", "/__tovel/.ssh/", "HTTP/1.1 404 Not Found"},
         TargetCase{"BrowserEncodedHidden", "/__tovel/%2essh/", "HTTP/1.1 404 Not Found"},
-        TargetCase{"Missing", "/nope.txt", "HTTP/1.1 404 Not Found"}),
+        TargetCase{"Missing", "/nope.txt", "HTTP/1.1 404 Not Found"},
+        TargetCase{"UpperEncodedDots", "/%2E%2E/outside/secret.txt", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"HalfEncodedDots", "/.%2e/outside/secret.txt", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"AllEncoded", "/%2e%2e%2foutside%2fsecret.txt", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"DotsBelowDirectory", "/docs/%2e%2e/%2e%2e/outside/secret.txt",
+                   "HTTP/1.1 403 Forbidden"},
+        TargetCase{"DoubleEncodedSlash", "/%252e%252e%252foutside%252fsecret.txt",
+                   "HTTP/1.1 404 Not Found"},
+        TargetCase{"EncodedAbsolute", "/%2f%2fetc%2fpasswd", "HTTP/1.1 404 Not Found"},
+        TargetCase{"NulAlone", "/%00", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"NulInDirectory", "/docs%00/readme.md", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"TruncatedEscape", "/ok.txt%", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"OverLongEncoded",
+                   "/" +
+                       [] {
+                           std::string path;
+                           for (int i = 0; i < 4100; ++i)
+                               path += "%61";
+                           return path;
+                       }(),
+                   "HTTP/1.1 403 Forbidden"},
+        TargetCase{"OverLongBySegments",
+                   "/" +
+                       [] {
+                           std::string path;
+                           for (int i = 0; i < 2100; ++i)
+                               path += "a/";
+                           return path;
+                       }(),
+                   "HTTP/1.1 403 Forbidden"},
+        TargetCase{"SecondLevelLinkLeavesRoot", "/docs/sub/deeper/secret.txt",
+                   "HTTP/1.1 403 Forbidden"},
+        TargetCase{"LinkOutOfTheMount", "/data/away/secret.txt", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"DeepLinkIntoTheMount", "/docs/viamount/shared.txt", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"LinkToProtectedDirectory", "/keys/config", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"ProtectedInsideMount", "/data/.ssh/id", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"KeyInsideMount", "/data/cert.PEM", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"IndexInsideSsh", "/.ssh/", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"IndexLinkedToKey", "/site2/", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"P12", "/certs/a.P12", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"Pfx", "/certs/b.pFx", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"EnvProduction", "/app/.env.production", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"EncodedProtectedName", "/%2essh/config", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"BrowserDotDot", "/__tovel/../", "HTTP/1.1 404 Not Found"},
+        TargetCase{"BrowserDotDotShown", "/__tovel/../?hidden=1", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"BrowserEncodedDotDot", "/__tovel/%2e%2e/?hidden=1", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"BrowserLinkLeavesRoot", "/__tovel/docs/deep/", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"BrowserLinkToKey", "/__tovel/innocent.txt", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"BrowserLinkedSsh", "/__tovel/keys/config?hidden=1", "HTTP/1.1 403 Forbidden"},
+        TargetCase{"BrowserKeyInMount", "/__tovel/data/cert.PEM", "HTTP/1.1 403 Forbidden"}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(Serve, ProtectedLookalikesAndExternalMountAreServed) {
@@ -146,12 +217,17 @@ TEST_P(Redirect, PointsAtThisServer) {
 
 INSTANTIATE_TEST_SUITE_P(
     Serve, Redirect,
-    ::testing::Values(RedirectCase{"DirectoryGetsSlash", "/docs?hidden=1", "/docs/"},
-                      RedirectCase{"KeepsEncoding", "/d%6fcs", "/d%6fcs/"},
-                      RedirectCase{"NeverProtocolRelative", "//docs", "/docs/"},
-                      RedirectCase{"BrowserDirectory", "/__tovel/docs", "/__tovel/docs/"},
-                      RedirectCase{"BrowserFileToRaw", "/__tovel/docs/readme.md",
-                                   "/docs/readme.md"}),
+    ::testing::Values(
+        RedirectCase{"DirectoryGetsSlash", "/docs?hidden=1", "/docs/"},
+        RedirectCase{"KeepsEncoding", "/d%6fcs", "/d%6fcs/"},
+        RedirectCase{"NeverProtocolRelative", "//docs", "/docs/"},
+        RedirectCase{"NeverAnotherHost", "///evil.host", "/evil.host/"},
+        RedirectCase{"BackslashIsEncoded", "/\\evil.host", "/%5Cevil.host/"},
+        RedirectCase{"EncodedSlashStaysEncoded", "/%2Fevil.host", "/%2Fevil.host/"},
+        RedirectCase{"BrowserNeverDoubleSlash", "/__tovel//evil.host", "/__tovel/evil.host/"},
+        RedirectCase{"BrowserFileOfLink", "/__tovel/data/shared.txt", "/data/shared.txt"},
+        RedirectCase{"BrowserDirectory", "/__tovel/docs", "/__tovel/docs/"},
+        RedirectCase{"BrowserFileToRaw", "/__tovel/docs/readme.md", "/docs/readme.md"}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(Serve, IndexHtmlAndContentTypes) {
@@ -186,6 +262,107 @@ TEST_F(Serve, BrowseModeSendsDirectoriesToTheBrowser) {
     startServer({"--browse-mode"});
     EXPECT_NE(get("/docs").find("\r\nLocation: /__tovel/docs/\r\n"), std::string::npos);
     EXPECT_NE(get("/docs/").find("\r\nLocation: /__tovel/docs/\r\n"), std::string::npos);
+    EXPECT_NE(get("//evil.host").find("\r\nLocation: /__tovel/evil.host/\r\n"), std::string::npos);
+    EXPECT_EQ(body(get("/ok.txt")), "hello\n");
+}
+
+TEST_F(Serve, ControlBytesNeverReachTheLocationLine) {
+    EXPECT_EQ(exchange("GET /nl\n HTTP/1.1\r\n\r\n"),
+              "HTTP/1.1 302 Found\r\nLocation: /nl%0A/\r\nContent-Length: 0\r\n"
+              "Connection: close\r\n\r\n");
+}
+
+struct HeadCase {
+    const char* name;
+    std::string bytes;
+    std::string status; // empty: the connection is closed without a response
+};
+
+class RequestBytes : public Serve, public ::testing::WithParamInterface<HeadCase> {};
+
+// Whatever a client sends ends in a status line or a silent close, and the
+// server goes on answering others.
+TEST_P(RequestBytes, EndInAStatusOrASilentClose) {
+    std::string response = exchange(GetParam().bytes, AfterRequest::HalfClose);
+    EXPECT_EQ(statusLine(response), GetParam().status);
+    EXPECT_EQ(body(get("/ok.txt")), "hello\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Serve, RequestBytes,
+    ::testing::Values(
+        HeadCase{"Nothing", "", ""}, HeadCase{"BlankHead", "\r\n\r\n", "HTTP/1.1 400 Bad Request"},
+        HeadCase{"MethodOnly", "GET\r\n\r\n", "HTTP/1.1 400 Bad Request"},
+        HeadCase{"NoVersion", "GET /ok.txt\r\n\r\n", "HTTP/1.1 400 Bad Request"},
+        HeadCase{"TabIsNoSeparator", "GET\t/ok.txt HTTP/1.1\r\n\r\n", "HTTP/1.1 400 Bad Request"},
+        HeadCase{"RunsOfSpaces", "   GET    /ok.txt    HTTP/1.1\r\n\r\n", "HTTP/1.1 200 OK"},
+        HeadCase{"ExtraToken", "GET /ok.txt HTTP/1.1 more\r\n\r\n", "HTTP/1.1 200 OK"},
+        HeadCase{"AnyVersion", "GET /ok.txt banana\r\n\r\n", "HTTP/1.1 200 OK"},
+        HeadCase{"LowerCaseMethod", "get /ok.txt HTTP/1.1\r\n\r\n",
+                 "HTTP/1.1 405 Method Not Allowed"},
+        HeadCase{"Delete", "DELETE /ok.txt HTTP/1.1\r\n\r\n", "HTTP/1.1 405 Method Not Allowed"},
+        HeadCase{"AsteriskTarget", "GET * HTTP/1.1\r\n\r\n", "HTTP/1.1 403 Forbidden"},
+        HeadCase{"AbsoluteUrl", "GET http://evil/ok.txt HTTP/1.1\r\n\r\n",
+                 "HTTP/1.1 403 Forbidden"},
+        HeadCase{"OnlyAFragment", "GET #/ok.txt HTTP/1.1\r\n\r\n", "HTTP/1.1 403 Forbidden"},
+        HeadCase{"NulBytes", std::string("\0\0\0\r\n\r\n", 7), "HTTP/1.1 400 Bad Request"},
+        HeadCase{"BareNewlines", "GET /ok.txt HTTP/1.1\n\n", ""},
+        HeadCase{"HalfAHead", "GET /ok.txt HTTP/1.1\r\nHost: x\r\n", ""},
+        HeadCase{"HeadersAreNotParsed",
+                 "GET /ok.txt HTTP/1.1\r\nContent-Length: -1\r\nTransfer-Encoding: x\r\n\r\n",
+                 "HTTP/1.1 200 OK"},
+        HeadCase{"HeadAlmostFillingTheBuffer",
+                 "GET /ok.txt HTTP/1.1\r\nX: " + std::string(16384 - 30, 'a') + "\r\n\r\n",
+                 "HTTP/1.1 200 OK"},
+        HeadCase{"HeadFillingTheBuffer",
+                 "GET /ok.txt HTTP/1.1\r\nX: " + std::string(16384 - 29, 'a') + "\r\n\r\n",
+                 "HTTP/1.1 200 OK"},
+        HeadCase{"HeadOneByteTooLong",
+                 "GET /ok.txt HTTP/1.1\r\nX: " + std::string(16384 - 28, 'a') + "\r\n\r\n", ""}),
+    [](const auto& info) { return info.param.name; });
+
+TEST_F(Serve, HeadTrickledByteByByteIsAnswered) {
+    int fd = connectClient();
+    ASSERT_GE(fd, 0);
+    std::string request = "GET /ok.txt HTTP/1.1\r\nHost: x\r\n\r\n";
+    for (char c : request) {
+        ASSERT_EQ(::send(fd, &c, 1, MSG_NOSIGNAL), 1);
+        std::this_thread::sleep_for(1ms); // let each byte arrive on its own
+    }
+    std::string response;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
+        response.append(buffer, static_cast<std::size_t>(n));
+    ::close(fd);
+    EXPECT_EQ(body(response), "hello\n");
+}
+
+TEST_F(Serve, ManyStalledClientsDoNotDelayOthers) {
+    std::vector<int> stalled;
+    for (int i = 0; i < 64; ++i) {
+        int fd = connectClient();
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::send(fd, "GET /", 5, MSG_NOSIGNAL), 5);
+        stalled.push_back(fd);
+    }
+    auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(body(get("/ok.txt")), "hello\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    for (int fd : stalled)
+        ::close(fd);
+}
+
+TEST_F(Serve, LargeFileArrivesWhole) {
+    std::string big(3 * 1024 * 1024 + 17, 'z');
+    for (std::size_t i = 0; i < big.size(); i += 4096)
+        big[i] = static_cast<char>('a' + (i / 4096) % 26);
+    writeFile("big.bin", big);
+    std::string response = get("/big.bin?download=1");
+    EXPECT_NE(response.find("Content-Length: " + std::to_string(big.size()) +
+                            "\r\nContent-Disposition: attachment\r\n"),
+              std::string::npos);
+    EXPECT_TRUE(body(response) == big);
 }
 
 struct OptionCase {

@@ -23,16 +23,25 @@ void ServeFixture::startServer(const std::vector<std::string>& extra) {
     port_ = std::stoi(server_->output().substr(prefix.size()));
 }
 
-std::string ServeFixture::exchange(const std::string& request) {
+int ServeFixture::connectClient() {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port_));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
+        return fd;
+    ::close(fd);
+    return -1;
+}
+
+std::string ServeFixture::exchange(const std::string& request, AfterRequest after) {
+    int fd = connectClient();
     std::string response;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
-            static_cast<ssize_t>(request.size())) {
+    if (fd >= 0 && ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
+                       static_cast<ssize_t>(request.size())) {
+        if (after == AfterRequest::HalfClose)
+            ::shutdown(fd, SHUT_WR);
         for (;;) {
             pollfd entry{fd, POLLIN, 0};
             if (::poll(&entry, 1, 5000) <= 0)
@@ -44,7 +53,8 @@ std::string ServeFixture::exchange(const std::string& request) {
             response.append(buffer, static_cast<std::size_t>(n));
         }
     }
-    ::close(fd);
+    if (fd >= 0)
+        ::close(fd);
     return response;
 }
 

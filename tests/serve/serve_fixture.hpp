@@ -15,8 +15,12 @@ class ServeFixture : public ::testing::Test {
   protected:
     // Starts the server over root() with extra options.
     void startServer(const std::vector<std::string>& extra = {});
-    // The whole response to `request`, read until the server closes.
-    std::string exchange(const std::string& request);
+    enum class AfterRequest { KeepOpen, HalfClose };
+    // The whole response to `request`, read until the server closes. With
+    // HalfClose the client shuts its sending side after the request.
+    std::string exchange(const std::string& request, AfterRequest after = AfterRequest::KeepOpen);
+    // A connected client socket (the caller closes it), or -1.
+    int connectClient();
     std::string get(const std::string& target) {
         return exchange("GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n");
     }
