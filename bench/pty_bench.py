@@ -23,6 +23,20 @@ def spawn(argv, cols=80, rows=24):
     return pid, fd
 
 
+def wait_raw(fd, kind, timeout=10.0):
+    """Waits until the attaching client has put the terminal in raw mode:
+    typing earlier would be flushed with the cooked line."""
+    if kind == 'raw':
+        time.sleep(0.3)
+        return
+    end = time.monotonic() + timeout
+    while time.monotonic() < end:
+        if not termios.tcgetattr(fd)[3] & termios.ICANON:
+            time.sleep(0.05)
+            return
+        time.sleep(0.01)
+
+
 def read_until(fd, needle, timeout=60.0, keep=False):
     end = time.monotonic() + timeout
     tail, total, out = b'', 0, b''
@@ -90,9 +104,9 @@ def client_for(kind, cmd):
 
 
 def throughput(kind, cols, rows):
-    argv = client_for(kind, 'read go; ' + PRODUCER)
+    argv = client_for(kind, 'read go; ' + PRODUCER + '; read done')
     pid, fd = spawn(argv, cols, rows)
-    time.sleep(0.3)
+    wait_raw(fd, kind)
     peak = [0]
     t0 = time.monotonic()
     os.write(fd, b'\r')
@@ -110,7 +124,7 @@ def throughput(kind, cols, rows):
 def echo_latency(kind, samples=400):
     argv = client_for(kind, 'cat')
     pid, fd = spawn(argv)
-    time.sleep(0.4)
+    wait_raw(fd, kind)
     read_until(fd, b'', timeout=0.2)
     times = []
     for i in range(samples):
