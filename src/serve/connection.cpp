@@ -400,9 +400,12 @@ void answer(int fd, ServeSettings& settings, std::string_view head) {
 
 } // namespace
 
+void setConnectionTimeouts(int listenerFd) {
+    (void)sys::setReceiveTimeout(listenerFd, kHeadReadTimeoutSeconds);
+    (void)sys::setSendTimeout(listenerFd, kStalledSendTimeoutSeconds);
+}
+
 void handleConnection(UniqueFd socket, ServeSettings& settings) {
-    (void)sys::setReceiveTimeout(socket.get(), kHeadReadTimeoutSeconds);
-    (void)sys::setSendTimeout(socket.get(), kStalledSendTimeoutSeconds);
     char buffer[kRequestHeadSize];
     auto head = readHead(socket.get(), std::span(buffer, sizeof buffer));
     if (head)
