@@ -23,6 +23,7 @@ namespace {
 constexpr int kListenBacklog = 128;
 constexpr int kIdlePollMs = 1000;
 constexpr int kAcceptBurst = 64;
+constexpr int kAcceptFailurePauseMs = 50;
 constexpr std::size_t kConnectionStackSize = 16 * 1024 * 1024;
 
 struct ServeOptions {
@@ -125,8 +126,13 @@ void acceptPending(int listener, serve::ServeSettings& settings,
         if (!connection) {
             if (connection.error() == Error::WouldBlock)
                 return;
-            if (connection.error() != Error::ConnectionAborted)
-                logWarning(LogScope::Serve, "accept failed: ", connection.error());
+            if (connection.error() == Error::ConnectionAborted)
+                return;
+            // Out of descriptors, say: the connection stays pending and poll
+            // reports it again at once. A short pause keeps that from
+            // turning into a busy loop of warnings.
+            logWarning(LogScope::Serve, "accept failed: ", connection.error());
+            (void)sys::sleepMs(kAcceptFailurePauseMs);
             return;
         }
         dispatch(std::move(*connection), settings, threads);
