@@ -32,8 +32,8 @@ enum class SlotState { Free, Running, Exiting };
 // True once the thread with this id has left the kernel's tables. By then it
 // has run its last instruction on its stack and the kernel has made its last
 // write there (clearing the thread id in the library's thread block).
-bool threadGone(pid_t tid) {
-    return ::syscall(SYS_tgkill, ::getpid(), tid, 0) != 0 && errno == ESRCH;
+bool threadGone(pid_t process, pid_t tid) {
+    return ::syscall(SYS_tgkill, process, tid, 0) != 0 && errno == ESRCH;
 }
 
 } // namespace
@@ -49,6 +49,7 @@ struct StackSlot {
 struct StackPool {
     std::array<StackSlot, kKeptStacks> slots;
     std::size_t mapped = 0; // slots [0, mapped) own a stack
+    pid_t process = ::getpid();
 };
 
 namespace {
@@ -90,7 +91,8 @@ StackSlot* freeSlot(StackPool& pool, std::size_t stackSize, std::size_t guardSiz
         SlotState state = slot.state.load(std::memory_order_acquire);
         if (state == SlotState::Free)
             return &slot;
-        if (state == SlotState::Exiting && threadGone(slot.tid.load(std::memory_order_relaxed)))
+        if (state == SlotState::Exiting &&
+            threadGone(pool.process, slot.tid.load(std::memory_order_relaxed)))
             return &slot;
     }
     if (pool.mapped == pool.slots.size() ||
