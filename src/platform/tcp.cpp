@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -65,6 +66,12 @@ Result<> setReceiveTimeout(int fd, int seconds) {
 
 Result<> setSendTimeout(int fd, int seconds) {
     return setTimeout(fd, SO_SNDTIMEO, seconds);
+}
+
+Result<> setDeferAccept(int fd, int seconds) {
+    if (::setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &seconds, sizeof seconds) != 0)
+        return fail(errorFromErrno(errno));
+    return {};
 }
 
 Result<UniqueFd> accept(int listenFd) {

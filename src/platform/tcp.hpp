@@ -24,5 +24,8 @@ namespace tovel::sys {
 // for this long fails with WouldBlock.
 [[nodiscard]] Result<> setReceiveTimeout(int fd, int seconds);
 [[nodiscard]] Result<> setSendTimeout(int fd, int seconds);
+// TCP_DEFER_ACCEPT: a connection is handed to accept only once its first
+// bytes (or its end) have arrived, or after about this many seconds.
+[[nodiscard]] Result<> setDeferAccept(int fd, int seconds);
 
 } // namespace tovel::sys

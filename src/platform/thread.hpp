@@ -1,4 +1,4 @@
-// Detached POSIX threads that all share one stack size.
+// Detached POSIX threads that all get a stack of one fixed size.
 #pragma once
 
 #include "platform/result.hpp"
@@ -11,16 +11,25 @@ namespace tovel::sys {
 // A thread's entry; its return value is ignored (the thread is detached).
 using ThreadEntry = void* (*)(void* argument);
 
-// Starts detached threads with a stack of a fixed size and a guard area of
-// one page (64 KiB if the page size cannot be read). The attributes are set
-// up once and reused for every thread. Only one thread may start threads
-// through one starter at a time.
+struct StackPool;
+
+// Starts detached threads whose stacks have a fixed size and a guard area of
+// one page (64 KiB if the page size cannot be read) below them.
+//
+// Starting a thread is made cheap by keeping its stack: stacks are mapped
+// once, lazily committed by the kernel, and handed to a later thread once
+// the thread that last ran on one has entirely exited (the kernel no longer
+// knows its id). Past a fixed number of kept stacks, threads get stacks of
+// the same size from the C library. The kept stacks and their bookkeeping
+// are never released, not even by the destructor: a detached thread may run
+// on one until the process ends.
+//
+// Only one thread may start threads through one starter.
 class DetachedThreadStarter {
   public:
-    [[nodiscard]] static Result<DetachedThreadStarter> create(std::size_t stackSize);
-    DetachedThreadStarter(DetachedThreadStarter&& other) noexcept;
-    DetachedThreadStarter& operator=(DetachedThreadStarter&&) = delete;
+    explicit DetachedThreadStarter(std::size_t stackSize);
     DetachedThreadStarter(const DetachedThreadStarter&) = delete;
+    DetachedThreadStarter& operator=(const DetachedThreadStarter&) = delete;
     ~DetachedThreadStarter();
 
     // Starts `entry(argument)`. SystemResources when the system refuses for
@@ -28,9 +37,11 @@ class DetachedThreadStarter {
     [[nodiscard]] Result<> start(ThreadEntry entry, void* argument);
 
   private:
-    DetachedThreadStarter() = default;
-    pthread_attr_t attributes_{};
-    bool owned_ = false;
+    std::size_t stackSize_;
+    std::size_t guardSize_;
+    pthread_attr_t libraryStacks_{}; // for threads beyond the kept stacks
+    bool libraryStacksReady_ = false;
+    StackPool* pool_;
 };
 
 } // namespace tovel::sys

@@ -31,7 +31,9 @@ constexpr std::size_t kSendfileChunkSize = 4 * 1024 * 1024;
 // closed after this long without progress, as if it had gone away.
 constexpr int kHeadReadTimeoutSeconds = 60;
 constexpr int kStalledSendTimeoutSeconds = 120;
-constexpr std::size_t kPageBufferSize = 16384;
+// Page pieces are gathered into writes of this size: a long listing goes
+// out in a few large writes rather than many small ones.
+constexpr std::size_t kPageBufferSize = 65536;
 
 enum class Method { Get, Head };
 
@@ -400,9 +402,13 @@ void answer(int fd, ServeSettings& settings, std::string_view head) {
 
 } // namespace
 
+void setConnectionTimeouts(int listenerFd) {
+    (void)sys::setDeferAccept(listenerFd, kHeadReadTimeoutSeconds);
+    (void)sys::setReceiveTimeout(listenerFd, kHeadReadTimeoutSeconds);
+    (void)sys::setSendTimeout(listenerFd, kStalledSendTimeoutSeconds);
+}
+
 void handleConnection(UniqueFd socket, ServeSettings& settings) {
-    (void)sys::setReceiveTimeout(socket.get(), kHeadReadTimeoutSeconds);
-    (void)sys::setSendTimeout(socket.get(), kStalledSendTimeoutSeconds);
     char buffer[kRequestHeadSize];
     auto head = readHead(socket.get(), std::span(buffer, sizeof buffer));
     if (head)

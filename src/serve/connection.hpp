@@ -9,6 +9,10 @@ namespace tovel::serve {
 
 constexpr std::size_t kRequestHeadSize = 16384;
 
+// Sets the stall limits of connections on the listening socket; every
+// accepted socket inherits them, so a connection costs no call for them.
+void setConnectionTimeouts(int listenerFd);
+
 void handleConnection(UniqueFd socket, ServeSettings& settings);
 
 } // namespace tovel::serve

@@ -22,6 +22,8 @@ namespace {
 
 constexpr int kListenBacklog = 128;
 constexpr int kIdlePollMs = 1000;
+constexpr int kAcceptBurst = 64;
+constexpr int kAcceptFailurePauseMs = 50;
 constexpr std::size_t kConnectionStackSize = 16 * 1024 * 1024;
 
 struct ServeOptions {
@@ -114,6 +116,29 @@ void dispatch(UniqueFd connection, serve::ServeSettings& settings,
     serve::handleConnection(std::move(connection), settings);
 }
 
+// Accepts what the listener has pending, up to a burst, so that a busy
+// server does not pay one poll per connection; the idle check runs between
+// bursts.
+void acceptPending(int listener, serve::ServeSettings& settings,
+                   sys::DetachedThreadStarter& threads) {
+    for (int i = 0; i < kAcceptBurst; ++i) {
+        auto connection = sys::accept(listener);
+        if (!connection) {
+            if (connection.error() == Error::WouldBlock)
+                return;
+            if (connection.error() == Error::ConnectionAborted)
+                return;
+            // Out of descriptors, say: the connection stays pending and poll
+            // reports it again at once. A short pause keeps that from
+            // turning into a busy loop of warnings.
+            logWarning(LogScope::Serve, "accept failed: ", connection.error());
+            (void)sys::sleepMs(kAcceptFailurePauseMs);
+            return;
+        }
+        dispatch(std::move(*connection), settings, threads);
+    }
+}
+
 // The poll of the accept loop reports only two names: running out of memory
 // is worth telling apart, anything else is unexpected.
 Error pollFailureName(Error error) {
@@ -141,8 +166,10 @@ Result<UniqueFd> listenOnLoopback(std::uint16_t port, std::uint16_t& boundPort) 
         return fail(listening.error());
     }
     // A connection that is reset between poll and accept must not leave the
-    // loop blocked in accept past its idle deadline.
+    // loop blocked in accept past its idle deadline, and a burst of accepts
+    // ends when nothing is pending.
     (void)sys::setNonBlocking(socket->get());
+    serve::setConnectionTimeouts(socket->get());
     boundPort = *actual;
     return std::move(*socket);
 }
@@ -178,7 +205,7 @@ CommandResult runServe(Args args) {
         return kExitFailure;
     }
 
-    auto threads = TRY(sys::DetachedThreadStarter::create(kConnectionStackSize));
+    sys::DetachedThreadStarter threads(kConnectionStackSize);
     // Start-up failures have printed their own line; the command just fails.
     std::uint16_t port = 0;
     auto listening = listenOnLoopback(options.port, port);
@@ -209,14 +236,7 @@ CommandResult runServe(Args args) {
         }
         if (*ready == 0)
             continue;
-        auto connection = sys::accept(listener.get());
-        if (!connection) {
-            if (connection.error() != Error::WouldBlock &&
-                connection.error() != Error::ConnectionAborted)
-                logWarning(LogScope::Serve, "accept failed: ", connection.error());
-            continue;
-        }
-        dispatch(std::move(*connection), settings, threads);
+        acceptPending(listener.get(), settings, threads);
     }
     printStderr("serve: idle timeout after ", options.idleTimeoutSeconds, "s\n");
     return kExitSuccess;
