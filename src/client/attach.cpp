@@ -268,6 +268,9 @@ class AttachLoop {
 } // namespace
 
 CommandResult attachSession(std::string_view id, const PortableMetadata& portable) {
+    // A keeper that vanishes mid-write must end in a reconnect or a named
+    // error, never kill the client: writes then fail with BrokenPipe.
+    TRY(sys::setSignalIgnored(SIGPIPE));
     UniqueFd socket = TRY(connectAndGreet(id, portable));
     RawTerminal terminal = TRY(RawTerminal::enter());
     auto signals = sys::SignalPipe::create();
@@ -276,9 +279,6 @@ CommandResult attachSession(std::string_view id, const PortableMetadata& portabl
     for (int signal : {SIGTERM, SIGINT, SIGHUP})
         TRY(signals->route(signal, 'T'));
     TRY(signals->route(SIGWINCH, 'W'));
-    // A keeper that vanishes mid-write must lead to a reconnect, not kill
-    // the client: writes then fail with BrokenPipe instead.
-    TRY(sys::setSignalIgnored(SIGPIPE));
     std::string nonce = TRY(replayNonce());
 
     AttachLoop loop(id, portable, std::move(socket), *signals, nonce);

@@ -50,7 +50,25 @@ struct StackPool {
     std::array<StackSlot, kKeptStacks> slots;
     std::size_t mapped = 0; // slots [0, mapped) own a stack
     pid_t process = ::getpid();
+    StackPool* next = nullptr;
 };
+
+namespace {
+
+// Threads may still run on a pool's stacks when its starter goes away, so
+// pools are never freed; listing them here keeps them reachable, which is
+// also what tells a leak checker they are meant to live.
+std::atomic<StackPool*> gPools{nullptr};
+
+void keepPool(StackPool* pool) {
+    if (pool == nullptr)
+        return;
+    pool->next = gPools.load();
+    while (!gPools.compare_exchange_weak(pool->next, pool)) {
+    }
+}
+
+} // namespace
 
 namespace {
 
@@ -105,6 +123,7 @@ StackSlot* freeSlot(StackPool& pool, std::size_t stackSize, std::size_t guardSiz
 
 DetachedThreadStarter::DetachedThreadStarter(std::size_t stackSize)
     : stackSize_(stackSize), guardSize_(pageSize()), pool_(new (std::nothrow) StackPool) {
+    keepPool(pool_);
     if (::pthread_attr_init(&libraryStacks_) != 0)
         return;
     libraryStacksReady_ = true;
