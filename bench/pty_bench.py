@@ -23,6 +23,20 @@ def spawn(argv, cols=80, rows=24):
     return pid, fd
 
 
+def wait_raw(fd, kind, timeout=10.0):
+    """Waits until the attaching client has put the terminal in raw mode:
+    typing earlier would be flushed with the cooked line."""
+    if kind == 'raw':
+        time.sleep(0.3)
+        return
+    end = time.monotonic() + timeout
+    while time.monotonic() < end:
+        if not termios.tcgetattr(fd)[3] & termios.ICANON:
+            time.sleep(0.05)
+            return
+        time.sleep(0.01)
+
+
 def read_until(fd, needle, timeout=60.0, keep=False):
     end = time.monotonic() + timeout
     tail, total, out = b'', 0, b''
@@ -90,9 +104,9 @@ def client_for(kind, cmd):
 
 
 def throughput(kind, cols, rows):
-    argv = client_for(kind, 'read go; ' + PRODUCER)
+    argv = client_for(kind, 'read go; ' + PRODUCER + '; read done')
     pid, fd = spawn(argv, cols, rows)
-    time.sleep(0.3)
+    wait_raw(fd, kind)
     peak = [0]
     t0 = time.monotonic()
     os.write(fd, b'\r')
@@ -110,7 +124,7 @@ def throughput(kind, cols, rows):
 def echo_latency(kind, samples=400):
     argv = client_for(kind, 'cat')
     pid, fd = spawn(argv)
-    time.sleep(0.4)
+    wait_raw(fd, kind)
     read_until(fd, b'', timeout=0.2)
     times = []
     for i in range(samples):
@@ -133,19 +147,42 @@ def echo_latency(kind, samples=400):
     return times[len(times) // 2], times[int(len(times) * 0.99)]
 
 
+def frame(kind, payload=b''):
+    return struct.pack('>IB', len(payload) + 1, kind) + payload
+
+
+def socket_until(sock, needle, timeout=120):
+    """Reads raw frames until `needle` shows in the stream (a fast client)."""
+    end = time.monotonic() + timeout
+    tail = b''
+    while time.monotonic() < end:
+        data = sock.recv(1 << 20)
+        if not data:
+            return False
+        tail = (tail + data)[-256:]
+        if needle in tail:
+            return True
+    return False
+
+
 def keeper_memory():
+    """The keeper's own memory, read by a client that keeps up."""
+    import socket
     sid, keeper = tovel_session('read a; head -c 2097152 /dev/zero | tr "\\0" b; echo RING-FULL; read b; head -c 104857600 /dev/zero | tr "\\0" c; echo HUNDRED; read c')
     time.sleep(0.3)
     idle = rss_kib(keeper)
-    pid, fd = spawn([BIN, 'attach', sid])
-    time.sleep(0.3)
-    os.write(fd, b'\r')
-    read_until(fd, b'RING-FULL')
+    sock = socket.socket(socket.AF_UNIX)
+    sock.connect(os.path.join(WORK, sid + '.sock'))
+    sock.sendall(frame(8, b'\x01') + frame(1, struct.pack('>HH', 80, 24)))
+    sock.sendall(frame(2, b'\r'))
+    socket_until(sock, b'RING-FULL')
+    time.sleep(0.2)
     full = rss_kib(keeper)
-    os.write(fd, b'\r')
-    read_until(fd, b'HUNDRED', timeout=120)
+    sock.sendall(frame(2, b'\r'))
+    socket_until(sock, b'HUNDRED')
+    time.sleep(0.2)
     after = rss_kib(keeper)
-    finish(pid, fd)
+    sock.close()
     return idle, full, after
 
 

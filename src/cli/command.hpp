@@ -23,6 +23,12 @@ constexpr int kExitInterrupted = 130;
 // the reader has gone).
 void printStdout(std::string_view text);
 
+// Takes "--dir" and its value at args[i] (advancing i past the value):
+// DuplicateOption the second time, MissingOptionValue without a value,
+// InvalidDirectory unless the value is absolute. The front end has already
+// exported it; commands only check it.
+[[nodiscard]] Result<> takeDirOption(Args args, std::size_t& i, bool& seen);
+
 // "<command>: invalid arguments (<ErrorName>)\n" on standard error; status 2.
 int reportInvalidArguments(std::string_view command, Error error);
 

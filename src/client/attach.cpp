@@ -40,16 +40,6 @@ Result<std::string> replayNonce() {
     return hexEncode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
 }
 
-Error pipeError(Error error) {
-    switch (error) {
-    case Error::ProcessFdQuotaExceeded:
-    case Error::SystemFdQuotaExceeded:
-        return error;
-    default:
-        return Error::Unexpected;
-    }
-}
-
 Error pollError(Error error) {
     return error == Error::SystemResources ? Error::SystemResources : Error::Unexpected;
 }
@@ -282,7 +272,7 @@ CommandResult attachSession(std::string_view id, const PortableMetadata& portabl
     RawTerminal terminal = TRY(RawTerminal::enter());
     auto signals = sys::SignalPipe::create();
     if (!signals)
-        return fail(pipeError(signals.error()));
+        return fail(descriptorCreationError(signals.error()));
     for (int signal : {SIGTERM, SIGINT, SIGHUP})
         TRY(signals->route(signal, 'T'));
     TRY(signals->route(SIGWINCH, 'W'));

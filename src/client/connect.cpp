@@ -25,16 +25,6 @@ constexpr std::size_t kNewOutputSize = 64;
 constexpr std::size_t kShortIdLength = 8;
 constexpr int kExecFailureStatus = 127;
 
-Error pipeError(Error error) {
-    switch (error) {
-    case Error::ProcessFdQuotaExceeded:
-    case Error::SystemFdQuotaExceeded:
-        return error;
-    default:
-        return Error::Unexpected;
-    }
-}
-
 int reportedStatus(int waitStatus) {
     if (WIFEXITED(waitStatus))
         return WEXITSTATUS(waitStatus);
@@ -61,7 +51,7 @@ Result<NewOutcome> runNewChild(sys::WindowSize size) {
 
     auto output = sys::pipe();
     if (!output)
-        return fail(pipeError(output.error()));
+        return fail(descriptorCreationError(output.error()));
     pid_t pid = TRY(sys::fork());
     if (pid == 0) {
         output->readEnd.reset();

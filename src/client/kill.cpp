@@ -32,14 +32,7 @@ Result<KillRequest> parseKillArguments(Args args) {
                 return fail(Error::DuplicateOption);
             request.force = Force::Yes;
         } else if (args[i] == "--dir") {
-            if (sawDir)
-                return fail(Error::DuplicateOption);
-            if (i + 1 >= args.size())
-                return fail(Error::MissingOptionValue);
-            if (args[i + 1].empty() || args[i + 1].front() != '/')
-                return fail(Error::InvalidDirectory);
-            sawDir = true;
-            ++i;
+            TRY(takeDirOption(args, i, sawDir));
         } else {
             return fail(Error::UnknownOption);
         }

@@ -85,8 +85,6 @@ std::uint32_t KeeperLoop::run() {
             acceptClient();
         if (entries[1].revents & (POLLIN | POLLHUP | POLLERR))
             readPty();
-        if (!terminalGone_ && (entries[1].revents & POLLOUT))
-            writePtyInput();
 
         std::size_t polledClients = entries.size() - 3;
         for (std::size_t i = 0; i < polledClients && i < clients_.size(); ++i) {
@@ -107,6 +105,11 @@ std::uint32_t KeeperLoop::run() {
             }
         }
         removeDroppedClients();
+        // Keystrokes go to the shell in the same wake-up that received them:
+        // waiting for the next poll to report the master writable would add
+        // a round trip to every echo.
+        if (!terminalGone_ && !ptyInput_.empty())
+            writePtyInput();
 
         if (pendingShutdown_) {
             signalShell(*pendingShutdown_);

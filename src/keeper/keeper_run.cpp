@@ -7,6 +7,7 @@
 #include "keeper/keeper_loop.hpp"
 #include "keeper/session_lock.hpp"
 #include "platform/clock.hpp"
+#include "platform/memory.hpp"
 #include "platform/process.hpp"
 #include "platform/signal.hpp"
 #include "platform/socket.hpp"
@@ -127,6 +128,7 @@ Result<int> runKeeper(std::string_view id, const SpawnOptions& options, int read
     // The ready descriptor was inherited across this program's exec; the
     // shell must not inherit it too.
     (void)sys::setCloseOnExec(readyFd, true);
+    sys::returnLargeBuffersToSystem();
     auto started = startUp(id, options);
     if (!started) {
         reportReadiness(readyFd, kFailedByte);

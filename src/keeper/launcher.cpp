@@ -23,16 +23,6 @@ constexpr int kLaunchFailureStatus = 127;
 constexpr char kReadyByte = 'R';
 constexpr char kFailedByte = 'F';
 
-Error pipeError(Error error) {
-    switch (error) {
-    case Error::ProcessFdQuotaExceeded:
-    case Error::SystemFdQuotaExceeded:
-        return error;
-    default:
-        return Error::Unexpected;
-    }
-}
-
 Error forkError(Error error) {
     return error == Error::WouldBlock || error == Error::SystemResources ? Error::SystemResources
                                                                          : Error::Unexpected;
@@ -92,7 +82,7 @@ Result<LaunchOutcome> launchKeeper(std::string_view id, const SpawnOptions& opti
 
     auto ready = sys::pipe();
     if (!ready)
-        return fail(pipeError(ready.error()));
+        return fail(descriptorCreationError(ready.error()));
     std::string executable = TRY(sys::selfExecutablePath());
     std::vector<std::string> arguments =
         keeperArguments(executable, id, options, ready->writeEnd.get());

@@ -32,24 +32,14 @@ void appendText(std::string& out, std::string_view key, std::string_view value) 
     out.push_back('\n');
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 std::optional<std::string> decodeCwdHex(std::string_view hex) {
     if (hex.size() % 2 != 0 || hex.size() > 2 * kMaxMetadataCwd)
         return std::nullopt;
     std::string out;
     out.reserve(hex.size() / 2);
     for (std::size_t i = 0; i < hex.size(); i += 2) {
-        int high = hexValue(hex[i]);
-        int low = hexValue(hex[i + 1]);
+        int high = hexDigitValue(hex[i]);
+        int low = hexDigitValue(hex[i + 1]);
         if (high < 0 || low < 0)
             return std::nullopt;
         out.push_back(static_cast<char>(high << 4 | low));

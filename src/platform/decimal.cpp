@@ -1,4 +1,4 @@
-// Decimal text of integers.
+// Number text.
 #include "platform/decimal.hpp"
 
 #include <charconv>
@@ -21,6 +21,16 @@ std::string decimal(std::uint64_t value) {
     std::string text;
     appendDecimal(text, value);
     return text;
+}
+
+int hexDigitValue(char c) {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
 }
 
 } // namespace tovel

@@ -100,6 +100,12 @@ Error errorFromErrno(int errnoValue) {
     }
 }
 
+Error descriptorCreationError(Error error) {
+    if (error == Error::ProcessFdQuotaExceeded || error == Error::SystemFdQuotaExceeded)
+        return error;
+    return Error::Unexpected;
+}
+
 std::string_view errnoName(int errnoValue) {
     switch (errnoValue) {
 #define TOVEL_ERRNO_CASE(name)                                                                     \

@@ -119,6 +119,10 @@ enum class Error {
 // The one errno-to-name table. EINTR never reaches it: callers retry.
 [[nodiscard]] Error errorFromErrno(int errnoValue);
 
+// A failure to create a descriptor (pipe, socket) as callers report it:
+// the two quota names pass, anything else is Unexpected.
+[[nodiscard]] Error descriptorCreationError(Error error);
+
 // An errno value by its symbolic name without the leading "E" ("NOENT").
 // Values without a name print as "errno<n>" in a static per-value buffer.
 [[nodiscard]] std::string_view errnoName(int errnoValue);

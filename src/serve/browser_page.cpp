@@ -34,16 +34,6 @@ HiddenFiles inverted(HiddenFiles hidden) {
     return hidden == HiddenFiles::Shown ? HiddenFiles::Hidden : HiddenFiles::Shown;
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // The search form submits "q" form-encoded: "+" stands for a space and
 // "%XX" for a byte. A malformed escape is kept as typed. The query is cut to
 // the form's 128-byte limit.
@@ -53,9 +43,9 @@ std::string decodeQuery(std::string_view raw) {
         char c = raw[i];
         if (c == '+') {
             c = ' ';
-        } else if (c == '%' && i + 2 < raw.size() && hexValue(raw[i + 1]) >= 0 &&
-                   hexValue(raw[i + 2]) >= 0) {
-            c = static_cast<char>(hexValue(raw[i + 1]) * 16 + hexValue(raw[i + 2]));
+        } else if (c == '%' && i + 2 < raw.size() && hexDigitValue(raw[i + 1]) >= 0 &&
+                   hexDigitValue(raw[i + 2]) >= 0) {
+            c = static_cast<char>(hexDigitValue(raw[i + 1]) * 16 + hexDigitValue(raw[i + 2]));
             i += 2;
         }
         query.push_back(c);

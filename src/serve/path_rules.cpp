@@ -2,25 +2,12 @@
 #include "serve/path_rules.hpp"
 
 #include "cli/runtime_dir.hpp"
+#include "platform/decimal.hpp"
 #include "platform/system.hpp"
 
 #include <sys/stat.h>
 
 namespace tovel::serve {
-
-namespace {
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-} // namespace
 
 std::optional<std::string> percentDecode(std::string_view path) {
     std::string decoded;
@@ -30,8 +17,8 @@ std::optional<std::string> percentDecode(std::string_view path) {
         if (c == '%') {
             if (i + 2 >= path.size())
                 return std::nullopt;
-            int high = hexValue(path[i + 1]);
-            int low = hexValue(path[i + 2]);
+            int high = hexDigitValue(path[i + 1]);
+            int low = hexDigitValue(path[i + 2]);
             if (high < 0 || low < 0)
                 return std::nullopt;
             c = static_cast<char>(high * 16 + low);

@@ -147,8 +147,6 @@ class TerminalRestored : public AttachClient, public ::testing::WithParamInterfa
 TEST_P(TerminalRestored, AfterEveryEnding) {
     FakeKeeper keeper(socketPath());
     PtyProcess attach({"attach", kId}, options());
-    termios before{};
-    ASSERT_EQ(::tcgetattr(attach.master(), &before), 0);
     WireConnection client = acceptGreeted(keeper);
     termios during{};
     ASSERT_TRUE(waitUntil([&] {
@@ -160,9 +158,11 @@ TEST_P(TerminalRestored, AfterEveryEnding) {
     EXPECT_EQ(attach.waitExit(), GetParam().status);
     termios after{};
     ASSERT_EQ(::tcgetattr(attach.master(), &after), 0);
-    EXPECT_EQ(after.c_lflag, before.c_lflag);
-    EXPECT_EQ(after.c_iflag, before.c_iflag);
-    EXPECT_EQ(after.c_oflag, before.c_oflag);
+    // A fresh terminal's cooked settings, every one raw mode had cleared.
+    EXPECT_EQ(after.c_lflag & (ICANON | ECHO | ISIG | IEXTEN),
+              tcflag_t(ICANON | ECHO | ISIG | IEXTEN));
+    EXPECT_EQ(after.c_iflag & (ICRNL | IXON), tcflag_t(ICRNL | IXON));
+    EXPECT_EQ(after.c_oflag & OPOST, tcflag_t(OPOST));
     EXPECT_NE(attach.output().find(GetParam().stderrText), std::string::npos) << attach.output();
 }
 
@@ -185,6 +185,10 @@ TEST_F(AttachClient, WindowChangesReachTheKeeperAsResize) {
     auto greeting = client.readFrame();
     ASSERT_TRUE(greeting);
     EXPECT_EQ(greeting->payload, winsizePayload(90, 30));
+    // Output on the terminal proves the client's loop, and so its signal
+    // handlers, are running.
+    client.send(frameBytes(kReplayStart) + frameBytes(kReplayEnd) + frameBytes(kOutput, "up"));
+    ASSERT_TRUE(attach.readUntil("up"));
     attach.resize(120, 40);
     auto resize = client.readFrame();
     ASSERT_TRUE(resize);

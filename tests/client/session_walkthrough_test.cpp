@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <sstream>
+#include <termios.h>
 
 namespace tovel::test {
 namespace {
@@ -35,6 +36,8 @@ class Walkthrough : public ::testing::Test {
         run.env["SHELL"] = "/bin/sh";
         run.env["NO_COLOR"] = "1";
         run.env["ENV"] = std::nullopt;
+        // The login shell reads the profile under HOME: keep it empty and fast.
+        run.env["HOME"] = dir_.path();
         return run;
     }
     TempDir dir_;
@@ -56,8 +59,16 @@ TEST_F(Walkthrough, ConnectDropReattachReplays) {
                           id_ + "`\x1b[0m\r"),
               std::string::npos);
 
+    // Typing before raw mode would be flushed with the cooked line: wait
+    // until the client has switched the terminal.
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            termios mode{};
+            return ::tcgetattr(first->master(), &mode) == 0 && (mode.c_lflag & ICANON) == 0;
+        },
+        20s));
     first->write("echo marker-$((6*7))\r");
-    ASSERT_TRUE(first->readUntil("marker-42"));
+    ASSERT_TRUE(first->readUntil("marker-42", 20s));
     // Closing the terminal: the client gets SIGHUP and ends with 130.
     ::kill(first->pid(), SIGHUP);
     EXPECT_EQ(first->waitExit(), 130);
@@ -67,7 +78,7 @@ TEST_F(Walkthrough, ConnectDropReattachReplays) {
     EXPECT_EQ(list.out.rfind(id_ + " keeper_pid=", 0), 0u) << list.out;
 
     PtyProcess second({"attach", id_}, options());
-    ASSERT_TRUE(second.readUntil(kEndPrefix));
+    ASSERT_TRUE(second.readUntil(kEndPrefix, 20s));
     std::string out = second.output();
     std::size_t start = out.find(kStartPrefix);
     ASSERT_NE(start, std::string::npos);

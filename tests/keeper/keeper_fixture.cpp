@@ -21,6 +21,8 @@ RunOptions KeeperFixture::options() const {
     RunOptions run;
     run.env = env_;
     run.env["TOVEL_PTYD_DIR"] = dir_.path();
+    // Login shells read the profile under HOME: keep it empty and fast.
+    run.env["HOME"] = dir_.path();
     return run;
 }
 

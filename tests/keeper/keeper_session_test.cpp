@@ -194,10 +194,20 @@ TEST_P(ShutdownRequest, AcknowledgesSignalsShellAndReportsItsDeath) {
     // The command script clears the TERM trap the way bash does; a plain
     // POSIX sh may keep an interactive shell's ignored SIGTERM.
     env_["SHELL"] = "/bin/bash";
-    std::string id = startSession({"--cmd", "sleep 100"});
+    // Signalled only once the command runs: until the start-up script has
+    // cleared its trap, an interactive login shell ignores SIGTERM.
+    std::string id = startSession({"--cmd", "echo running; sleep 100"});
     ASSERT_FALSE(id.empty());
     WireConnection watcher = attachTo(socketPath(id));
-    ASSERT_TRUE(collectUntil(watcher, kReplayEnd).found);
+    std::string seen;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            auto frame = watcher.readFrame(100ms);
+            if (frame && frame->type == 4)
+                seen += frame->payload;
+            return seen.find("running") != std::string::npos;
+        },
+        20s));
     WireConnection killer = WireConnection::connectTo(socketPath(id));
     killer.sendFrame(kHello, std::string(1, '\1'));
     killer.sendFrame(kShutdown, std::string(1, GetParam().force));
