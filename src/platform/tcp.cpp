@@ -68,6 +68,17 @@ Result<> setSendTimeout(int fd, int seconds) {
     return setTimeout(fd, SO_SNDTIMEO, seconds);
 }
 
+Result<std::size_t> send(int fd, std::string_view bytes, MoreToCome more) {
+    int flags = MSG_NOSIGNAL | (more == MoreToCome::Yes ? MSG_MORE : 0);
+    for (;;) {
+        ssize_t sent = ::send(fd, bytes.data(), bytes.size(), flags);
+        if (sent >= 0)
+            return static_cast<std::size_t>(sent);
+        if (errno != EINTR)
+            return fail(errorFromErrno(errno));
+    }
+}
+
 Result<> setDeferAccept(int fd, int seconds) {
     if (::setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &seconds, sizeof seconds) != 0)
         return fail(errorFromErrno(errno));

@@ -6,6 +6,7 @@
 #include "platform/unique_fd.hpp"
 
 #include <cstdint>
+#include <string_view>
 
 namespace tovel::sys {
 
@@ -24,6 +25,10 @@ namespace tovel::sys {
 // for this long fails with WouldBlock.
 [[nodiscard]] Result<> setReceiveTimeout(int fd, int seconds);
 [[nodiscard]] Result<> setSendTimeout(int fd, int seconds);
+enum class MoreToCome { No, Yes };
+// send() without SIGPIPE; with MoreToCome::Yes (MSG_MORE) the bytes may wait
+// to share a segment with the next send. Returns the bytes taken.
+[[nodiscard]] Result<std::size_t> send(int fd, std::string_view bytes, MoreToCome more);
 // TCP_DEFER_ACCEPT: a connection is handed to accept only once its first
 // bytes (or its end) have arrived, or after about this many seconds.
 [[nodiscard]] Result<> setDeferAccept(int fd, int seconds);

@@ -93,9 +93,9 @@ bool flagOn(std::string_view query, std::string_view name) {
 // Writes all of `bytes` to the blocking socket. A client that has read
 // nothing for the send timeout (WouldBlock) ends the response like one that
 // has gone away.
-Result<> sendAll(int fd, std::string_view bytes) {
+Result<> sendAll(int fd, std::string_view bytes, sys::MoreToCome more = sys::MoreToCome::No) {
     while (!bytes.empty()) {
-        std::size_t written = TRY(sys::write(fd, bytes));
+        std::size_t written = TRY(sys::send(fd, bytes, more));
         if (written == 0)
             return fail(Error::BrokenPipe);
         bytes.remove_prefix(written);
@@ -116,7 +116,9 @@ class Responder {
     void redirect(std::string_view prefix, std::string_view rawPath, std::string_view suffix) {
         send(redirectHead(redirectLocation(prefix, rawPath, suffix)));
     }
-    bool send(std::string_view bytes) { return sendAll(fd_, bytes).has_value(); }
+    bool send(std::string_view bytes, sys::MoreToCome more = sys::MoreToCome::No) {
+        return sendAll(fd_, bytes, more).has_value();
+    }
     [[nodiscard]] Method method() const { return method_; }
     [[nodiscard]] int fd() const { return fd_; }
 
@@ -217,7 +219,10 @@ void sendFile(Responder& out, const std::string& realPath, const struct stat& ch
         return;
     }
     auto size = static_cast<std::uint64_t>(status->st_size);
-    if (!out.send(staticFileHead(contentTypeFor(name), size, disposition)))
+    // With a body to follow, the head waits to share its first segment.
+    bool bodyFollows = out.method() == Method::Get && size > 0;
+    if (!out.send(staticFileHead(contentTypeFor(name), size, disposition),
+                  bodyFollows ? sys::MoreToCome::Yes : sys::MoreToCome::No))
         return;
     if (out.method() == Method::Head)
         return;

@@ -180,6 +180,12 @@ serve::ServeSettings& processSettings() {
     return *settings;
 }
 
+// So do the connection threads' kept stacks.
+sys::DetachedThreadStarter& connectionThreads() {
+    static auto* threads = new sys::DetachedThreadStarter(kConnectionStackSize);
+    return *threads;
+}
+
 } // namespace
 
 CommandResult runServe(Args args) {
@@ -205,7 +211,7 @@ CommandResult runServe(Args args) {
         return kExitFailure;
     }
 
-    sys::DetachedThreadStarter threads(kConnectionStackSize);
+    sys::DetachedThreadStarter& threads = connectionThreads();
     // Start-up failures have printed their own line; the command just fails.
     std::uint16_t port = 0;
     auto listening = listenOnLoopback(options.port, port);
