@@ -23,6 +23,7 @@ constexpr std::size_t kSignalReadSize = 16;
 constexpr int kFinalFlushTimeoutMs = 2000;
 constexpr std::uint32_t kSignalledStatusBits = 0xFFFFFF80u;
 constexpr std::size_t kWinsizePayloadSize = 4;
+constexpr std::size_t kReplayFramePayload = 65536 - kFrameHeaderSize;
 
 struct Winsize {
     std::uint16_t cols;
@@ -368,10 +369,15 @@ Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload
     }
     TRY(queueFrame(client, FrameType::ReplayStart, {}));
     auto [older, newer] = ring_.pieces();
-    if (!older.empty())
-        TRY(queueFrame(client, FrameType::Output, older));
-    if (!newer.empty())
-        TRY(queueFrame(client, FrameType::Output, newer));
+    for (std::string_view piece : {older, newer}) {
+        // Whole replay frames fit the attach client's 64 KiB receive
+        // buffer, so a replay never makes the client grow it.
+        while (!piece.empty()) {
+            std::string_view chunk = piece.substr(0, kReplayFramePayload);
+            TRY(queueFrame(client, FrameType::Output, chunk));
+            piece.remove_prefix(chunk.size());
+        }
+    }
     TRY(queueFrame(client, FrameType::ReplayEnd, {}));
     client.attached = true;
     logInfo(LogScope::Keeper, "client attached fd=", client.fd.get());
