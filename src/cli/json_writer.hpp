@@ -36,7 +36,8 @@ class JsonWriter {
 };
 
 // Appends `text` with JSON escaping: quote and backslash escaped, \b \t \n
-// \f \r by name, other bytes below 0x20 as \u00XX; everything else as is.
+// \f \r by name, other bytes below 0x20 as \u00XX; well-formed UTF-8 as is,
+// and each byte outside it as U+FFFD, so the result is always valid JSON.
 void appendJsonEscaped(std::string& out, std::string_view text);
 
 } // namespace tovel

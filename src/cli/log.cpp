@@ -3,11 +3,14 @@
 #include "cli/log.hpp"
 
 #include "platform/env.hpp"
+#include "platform/process.hpp"
 #include "platform/system.hpp"
 
 #include <atomic>
 #include <cstring>
+#include <fcntl.h>
 #include <linux/futex.h>
+#include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -16,6 +19,7 @@ namespace tovel {
 namespace {
 
 constexpr std::size_t kStderrBufferSize = 64;
+constexpr mode_t kLogFileMode = 0600;
 
 // 0 free, 1 held, 2 held with waiters.
 std::atomic<int> lockWord{0};
@@ -27,6 +31,33 @@ std::size_t buffered = 0;
 bool writeFailed = false; // drop the rest of the line after a write error
 
 std::atomic<int> colourMode{-1};
+
+// The keeper's log file behind standard error. Past its cap it is renamed to
+// "<path>.1" (replacing the previous one) and begun afresh, so a keeper that
+// lives for months keeps at most two files of bounded size.
+struct LogFile {
+    std::string path; // empty: standard error is not a capped file
+    std::uint64_t size = 0;
+    std::uint64_t cap = 0;
+    pid_t owner = 0; // a forked child inherits the state but must not rotate
+};
+LogFile logFile;
+
+Result<UniqueFd> openLogFile(std::string_view path) {
+    return sys::open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, kLogFileMode);
+}
+
+// Called under the lock after a flush.
+void rotateFullLogFile() {
+    if (logFile.cap == 0 || logFile.size <= logFile.cap || sys::getpid() != logFile.owner)
+        return;
+    (void)sys::rename(logFile.path, logFile.path + ".1");
+    // Should the fresh file fail to open, the lines go on into the renamed
+    // one; the next attempt waits for another cap's worth.
+    if (auto fresh = openLogFile(logFile.path))
+        (void)sys::dup2(fresh->get(), STDERR_FILENO);
+    logFile.size = 0;
+}
 
 pid_t currentTid() {
     return static_cast<pid_t>(::syscall(SYS_gettid));
@@ -52,6 +83,7 @@ void flush() {
         }
         offset += *written;
     }
+    logFile.size += offset;
     buffered = 0;
 }
 
@@ -85,6 +117,7 @@ void unlockStderr() {
     if (--holdCount > 0)
         return;
     flush();
+    rotateFullLogFile();
     ownerTid.store(0, std::memory_order_relaxed);
     if (lockWord.exchange(0, std::memory_order_release) == 2)
         futexWakeOne(&lockWord);
@@ -99,6 +132,16 @@ void writeStderr(std::string_view bytes) {
         buffered += take;
         bytes.remove_prefix(take);
     }
+}
+
+Result<> sendStderrToLogFile(std::string_view path, std::uint64_t cap) {
+    UniqueFd fd = TRY(openLogFile(path));
+    struct stat st = TRY(sys::fstat(fd.get()));
+    TRY(sys::dup2(fd.get(), STDERR_FILENO));
+    StderrLock lock;
+    logFile =
+        LogFile{std::string(path), static_cast<std::uint64_t>(st.st_size), cap, sys::getpid()};
+    return {};
 }
 
 bool stderrColour() {

@@ -1,10 +1,11 @@
 // Diagnostics on standard error: log lines with level, scope tag and colour,
-// plain message lines, and the process-wide re-entrant lock that keeps every
-// line whole across threads. Nothing here allocates, so the forked child of
-// the keeper may log too.
+// plain message lines, the process-wide re-entrant lock that keeps every
+// line whole across threads, and the keeper's capped log file. Writing a line
+// allocates nothing, so the forked child of the keeper may log too.
 #pragma once
 
 #include "platform/error.hpp"
+#include "platform/result.hpp"
 
 #include <charconv>
 #include <concepts>
@@ -41,6 +42,11 @@ class StderrLock {
 
 // Appends bytes to the standard-error buffer; the caller holds the lock.
 void writeStderr(std::string_view bytes);
+
+// Points standard error at the log file `path` (append mode, created 0600,
+// never through a link). Once it has grown past `cap` bytes it is renamed to
+// "<path>.1" and a fresh file is begun.
+[[nodiscard]] Result<> sendStderrToLogFile(std::string_view path, std::uint64_t cap);
 
 // Whether standard error gets colour escapes (decided once per process).
 [[nodiscard]] bool stderrColour();

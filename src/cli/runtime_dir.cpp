@@ -1,4 +1,5 @@
-// Runtime directory choice, creation and session file paths.
+// Runtime directory choice, creation, the ownership check and session file
+// paths.
 #include "cli/runtime_dir.hpp"
 
 #include "cli/session_id.hpp"
@@ -6,7 +7,8 @@
 #include "platform/system.hpp"
 
 #include "platform/mutex.hpp"
-#include <unistd.h>
+
+#include <fcntl.h>
 
 namespace tovel {
 
@@ -15,32 +17,61 @@ namespace {
 sys::Mutex cacheMutex;
 std::string cachedDir; // empty: not resolved yet
 
+Error modeError(Error error) {
+    switch (error) {
+    case Error::NotDir:
+    case Error::FileNotFound:
+        return Error::FileNotFound;
+    case Error::AccessDenied:
+    case Error::PermissionDenied:
+    case Error::ReadOnlyFileSystem:
+    case Error::NameTooLong:
+    case Error::SymLinkLoop:
+    case Error::SystemResources:
+    case Error::InputOutput:
+        return error;
+    default:
+        return Error::Unexpected;
+    }
+}
+
+Result<> checkLength(std::string_view path) {
+    if (path.size() > kMaxRuntimeDirLength)
+        return fail(Error::PathTooLong);
+    if (path.size() >= kMaxRuntimeDirLength)
+        return fail(Error::NameTooLong);
+    return {};
+}
+
+// Opens the directory itself, never a link standing in its place, and
+// accepts it only when this user owns it: a directory another user made
+// first would let them swap the session files and sockets underneath us.
+Result<UniqueFd> openOwnedDirectory(std::string_view path) {
+    auto opened = sys::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!opened) {
+        // Something is there but could not be opened as our directory: a
+        // link, another kind of file, or a directory closed to us.
+        auto there = sys::lstat(path);
+        if (there && (!S_ISDIR(there->st_mode) || there->st_uid != sys::realUserId()))
+            return fail(Error::RuntimeDirNotOwned);
+        return fail(modeError(opened.error()));
+    }
+    struct stat st = TRY(sys::fstat(opened->get()));
+    if (!S_ISDIR(st.st_mode) || st.st_uid != sys::realUserId())
+        return fail(Error::RuntimeDirNotOwned);
+    return std::move(*opened);
+}
+
 Result<std::string> createRuntimeDir(std::string path) {
     if (path.size() > kMaxRuntimeDirLength)
         return fail(Error::PathTooLong);
     auto made = sys::mkdir(path, 0700);
     if (!made && made.error() != Error::PathAlreadyExists)
         return fail(made.error());
-    if (path.size() >= kMaxRuntimeDirLength)
-        return fail(Error::NameTooLong);
-    auto changed = sys::chmod(path, 0700);
-    if (!changed) {
-        switch (changed.error()) {
-        case Error::NotDir:
-        case Error::FileNotFound:
-            return fail(Error::FileNotFound);
-        case Error::AccessDenied:
-        case Error::PermissionDenied:
-        case Error::ReadOnlyFileSystem:
-        case Error::NameTooLong:
-        case Error::SymLinkLoop:
-        case Error::SystemResources:
-        case Error::InputOutput:
-            return fail(changed.error());
-        default:
-            return fail(Error::Unexpected);
-        }
-    }
+    TRY(checkLength(path));
+    UniqueFd directory = TRY(openOwnedDirectory(path));
+    if (auto changed = sys::fchmod(directory.get(), 0700); !changed)
+        return fail(modeError(changed.error()));
     return path;
 }
 
@@ -78,7 +109,18 @@ Result<std::string> chooseRuntimeDir() {
             return fail(Error::InvalidBaseDirectory);
         base = *tmp;
     }
-    return joinPath(base, "tovel-ptyd-" + std::to_string(::getuid()));
+    return joinPath(base, "tovel-ptyd-" + std::to_string(sys::realUserId()));
+}
+
+Result<std::optional<std::string>> existingRuntimeDir() {
+    std::string chosen = TRY(chooseRuntimeDir());
+    TRY(checkLength(chosen));
+    auto directory = openOwnedDirectory(chosen);
+    if (!directory && directory.error() == Error::FileNotFound)
+        return std::optional<std::string>();
+    if (!directory)
+        return fail(directory.error());
+    return std::optional<std::string>(std::move(chosen));
 }
 
 Result<std::string> runtimeDir() {

@@ -4,6 +4,7 @@
 #include "platform/decimal.hpp"
 
 #include "cli/log.hpp"
+#include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "client/attach.hpp"
 #include "client/terminal_mode.hpp"
@@ -111,6 +112,9 @@ CommandResult runConnect(Args args) {
             size = *terminal;
     }
 
+    // A base directory that cannot be used is reported as itself, here rather
+    // than by the child that starts the keeper.
+    TRY(runtimeDir());
     NewOutcome created = TRY(runNewChild(size));
     if (!created.exitedNormally || created.status != 0 ||
         created.output.size() < kSessionIdLength) {

@@ -90,6 +90,7 @@ CommandResult runEnsure(Args args) {
     auto options = parseSpawnOptions(args.subspan(1), OptionSet::All);
     if (!options)
         return reportInvalidArguments("ensure", options.error());
+    TRY(runtimeDir());
 
     if (auto stop = makeLive(id, *options))
         return *stop;

@@ -3,6 +3,7 @@
 #include "client/kill.hpp"
 
 #include "cli/log.hpp"
+#include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "client/protocol/frame.hpp"
 #include "platform/clock.hpp"
@@ -115,6 +116,8 @@ CommandResult runKill(Args args) {
     auto request = parseKillArguments(args);
     if (!request)
         return reportInvalidArguments("kill", request.error());
+    // Not "not running": a directory that cannot be used is its own error.
+    TRY(runtimeDir());
     return stopSession(*request);
 }
 

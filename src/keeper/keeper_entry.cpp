@@ -10,6 +10,7 @@
 #include "keeper/keeper_run.hpp"
 #include "platform/system.hpp"
 
+#include <cstring>
 #include <fcntl.h>
 
 namespace tovel {
@@ -17,7 +18,7 @@ namespace tovel {
 namespace {
 
 constexpr std::size_t kKeeperArgumentCount = 12;
-constexpr mode_t kLogFileMode = 0600;
+constexpr std::uint64_t kLogFileCap = 1 << 20;
 
 enum Argument : std::size_t {
     kId,
@@ -61,7 +62,7 @@ Result<SpawnOptions> parseKeeperArguments(Args args) {
 }
 
 // Standard input and output become /dev/null; standard error the session's
-// log file (append mode), or /dev/null when that cannot be opened.
+// capped log file, or /dev/null when that cannot be opened.
 void redirectStandardStreams(std::string_view id) {
     auto null = sys::open("/dev/null", O_RDWR);
     if (null) {
@@ -69,12 +70,19 @@ void redirectStandardStreams(std::string_view id) {
         (void)sys::dup2(null->get(), 1);
     }
     auto logPath = sessionPath(id, ".log");
-    auto log = logPath ? sys::open(*logPath, O_WRONLY | O_CREAT | O_APPEND, kLogFileMode)
-                       : fail(logPath.error());
-    if (log)
-        (void)sys::dup2(log->get(), 2);
-    else if (null)
+    auto log = logPath ? sendStderrToLogFile(*logPath, kLogFileCap) : fail(logPath.error());
+    if (!log && null)
         (void)sys::dup2(null->get(), 2);
+}
+
+// Every user can read a process's arguments (ps, /proc/<pid>/cmdline), and
+// the command, directory and lease texts may hold secrets. The views point
+// into this process's own argument strings, which are writable, so once
+// everything is parsed their bytes are zeroed in place: what stays visible
+// is the keeper's id and its sizes.
+void hideArgumentTexts(Args args) {
+    for (std::size_t i = kCmd; i < args.size(); ++i)
+        std::memset(const_cast<char*>(args[i].data()), 0, args[i].size());
 }
 
 } // namespace
@@ -90,6 +98,7 @@ CommandResult runKeeperEntry(Args args) {
     if (!args[kLeaseGeneration].empty())
         options.portable.leaseGeneration = TRY(parseNumber<std::uint64_t>(args[kLeaseGeneration]));
     TRY(validatePortableMetadata(options.portable));
+    hideArgumentTexts(args);
 
     redirectStandardStreams(args[kId]);
     auto status = runKeeper(args[kId], options, readyFd);

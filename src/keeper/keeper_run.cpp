@@ -1,5 +1,6 @@
 // The keeper's start-up, in order: lock, socket, PTY and shell, the
-// listening line, metadata, signals, the ready byte; then the event loop.
+// listening line, metadata, signals, the ready byte; then the event loop,
+// and after a normal end the removal of the session's remaining files.
 #include "keeper/keeper_run.hpp"
 
 #include "cli/log.hpp"
@@ -122,6 +123,16 @@ Result<StartedKeeper> startUp(std::string_view id, const SpawnOptions& options) 
     return StartedKeeper{std::move(*lock), std::move(loop)};
 }
 
+// After a normal end nothing of the session is worth keeping (the loop has
+// removed the socket and the metadata). The lock file goes last, while it is
+// still held, so a keeper starting now cannot lock it before it is gone.
+void removeEndedSessionFiles(std::string_view id) {
+    for (std::string_view suffix : {".log", ".log.1", ".lock"}) {
+        if (auto path = sessionPath(id, suffix))
+            (void)sys::unlink(*path);
+    }
+}
+
 } // namespace
 
 Result<int> runKeeper(std::string_view id, const SpawnOptions& options, int readyFd) {
@@ -136,6 +147,7 @@ Result<int> runKeeper(std::string_view id, const SpawnOptions& options, int read
     }
     reportReadiness(readyFd, kReadyByte);
     std::uint32_t status = started->loop->run();
+    removeEndedSessionFiles(id);
     return static_cast<int>(status & 0xFF);
 }
 

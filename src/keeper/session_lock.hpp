@@ -9,8 +9,9 @@
 
 namespace tovel {
 
-// Opens (creating, mode 0600) "<RuntimeDir>/<id>.lock" and takes the lock.
-// WouldBlock: another keeper holds it.
+// Opens (creating, mode 0600, never through a link) "<RuntimeDir>/<id>.lock"
+// and takes the lock; a lock file removed meanwhile by its ending keeper is
+// let go and the fresh one taken instead. WouldBlock: another keeper holds it.
 [[nodiscard]] Result<UniqueFd> acquireSessionLock(std::string_view id);
 
 enum class LockState { Free, Held };

@@ -156,15 +156,33 @@ MetadataRecord parseSessionMetadata(std::string_view text) {
     return record;
 }
 
+namespace {
+
+// A fresh file: whatever was left at `path` (a crashed write, a link) is
+// removed, not reused.
+Result<> writeNewFile(std::string_view path, std::string_view text) {
+    (void)sys::unlink(path);
+    UniqueFd fd = TRY(sys::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
+    return sys::writeAll(fd.get(), text);
+}
+
+} // namespace
+
 Result<> writeSessionMetadata(std::string_view path, const SessionMetadata& metadata) {
     std::string text = TRY(formatSessionMetadata(metadata));
-    UniqueFd fd = TRY(sys::open(path, O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    TRY(sys::writeAll(fd.get(), text));
-    return {};
+    // Readers poll this file while attaches rewrite it: they must see the
+    // old record or the new one, never a truncated one.
+    std::string temporary = std::string(path) + ".tmp";
+    auto written = writeNewFile(temporary, text);
+    if (written)
+        written = sys::rename(temporary, path);
+    if (!written)
+        (void)sys::unlink(temporary);
+    return written;
 }
 
 Result<std::string> readMetadataBytes(std::string_view path) {
-    UniqueFd fd = TRY(sys::open(path, O_RDONLY));
+    UniqueFd fd = TRY(sys::open(path, O_RDONLY | O_NOFOLLOW));
     std::string bytes(kMaxMetadataSize, '\0');
     std::size_t filled = 0;
     while (filled < bytes.size()) {

@@ -41,7 +41,8 @@ struct MetadataRecord {
 // present, no value was bad and the portable fields pass validation.
 [[nodiscard]] MetadataRecord parseSessionMetadata(std::string_view text);
 
-// Creates or truncates `path` (mode 0600) with the formatted record.
+// Replaces `path` (mode 0600) with the formatted record through a temporary
+// file beside it and a rename; links are replaced, never followed.
 [[nodiscard]] Result<> writeSessionMetadata(std::string_view path, const SessionMetadata& metadata);
 
 // Reads at most 16384 bytes of `path`.

@@ -61,6 +61,7 @@ namespace tovel {
     X(InvalidDirectory)                                                                            \
     X(MissingDirectory)                                                                            \
     X(InvalidBaseDirectory)                                                                        \
+    X(RuntimeDirNotOwned)                                                                          \
     X(InvalidSessionId)                                                                            \
     X(IncompleteLeaseMetadata)                                                                     \
     X(InvalidWorkspaceId)                                                                          \

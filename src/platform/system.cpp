@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/sendfile.h>
@@ -198,6 +199,21 @@ Result<> chmod(std::string_view path, mode_t mode) {
     }
 }
 
+Result<> fchmod(int fd, mode_t mode) {
+    for (;;) {
+        if (::fchmod(fd, mode) == 0)
+            return {};
+        if (errno != EINTR)
+            return failErrno();
+    }
+}
+
+Result<> rename(std::string_view from, std::string_view to) {
+    if (::rename(cString(from).c_str(), cString(to).c_str()) != 0)
+        return failErrno();
+    return {};
+}
+
 Result<> unlink(std::string_view path) {
     if (::unlink(cString(path).c_str()) != 0)
         return failErrno();
@@ -234,6 +250,10 @@ Result<std::string> selfExecutablePath() {
 
 bool isatty(int fd) {
     return ::isatty(fd) == 1;
+}
+
+uid_t realUserId() {
+    return ::getuid();
 }
 
 } // namespace tovel::sys

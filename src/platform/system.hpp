@@ -59,7 +59,10 @@ struct Pipe {
 [[nodiscard]] Result<struct stat> fstat(int fd);
 [[nodiscard]] Result<> mkdir(std::string_view path, mode_t mode);
 [[nodiscard]] Result<> chmod(std::string_view path, mode_t mode);
+[[nodiscard]] Result<> fchmod(int fd, mode_t mode);
 [[nodiscard]] Result<> unlink(std::string_view path);
+// Replaces `to` (a link there is replaced, never followed).
+[[nodiscard]] Result<> rename(std::string_view from, std::string_view to);
 [[nodiscard]] Result<std::string> realpath(std::string_view path);
 [[nodiscard]] Result<std::string> readlink(std::string_view path);
 [[nodiscard]] Result<std::string> getcwd();
@@ -67,5 +70,8 @@ struct Pipe {
 [[nodiscard]] Result<std::string> selfExecutablePath();
 
 [[nodiscard]] bool isatty(int fd);
+
+// The real user id (getuid).
+[[nodiscard]] uid_t realUserId();
 
 } // namespace tovel::sys

@@ -8,6 +8,7 @@
 #include "cli/commands/list.hpp"
 #include "cli/commands/preflight.hpp"
 #include "cli/log.hpp"
+#include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "cli/spawn_options.hpp"
 #include "client/attach.hpp"
@@ -73,6 +74,9 @@ CommandResult runNew(Args args) {
     auto options = parseSpawnOptions(args, OptionSet::All);
     if (!options)
         return reportInvalidArguments("new", options.error());
+    // A base directory that cannot be used is reported as itself, before a
+    // keeper is launched that could only fail in the dark.
+    TRY(runtimeDir());
     std::string id = TRY(newSessionId());
     if (!sys::setEnv("TOVEL_SHELL_ID", id))
         return fail(Error::SetEnvironmentFailed);

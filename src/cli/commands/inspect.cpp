@@ -61,7 +61,7 @@ CommandResult runInspect(Args args) {
     if (!request)
         return reportInvalidArguments("inspect", request.error());
 
-    std::vector<SessionEntry> sessions = enumerateLiveSessions();
+    std::vector<SessionEntry> sessions = TRY(enumerateLiveSessions());
     auto found = std::find_if(sessions.begin(), sessions.end(),
                               [&](const SessionEntry& entry) { return entry.id == request->id; });
     JsonWriter json;

@@ -8,7 +8,7 @@
 namespace tovel {
 
 CommandResult listSessions(OutputFormat format) {
-    std::vector<SessionEntry> sessions = enumerateLiveSessions();
+    std::vector<SessionEntry> sessions = TRY(enumerateLiveSessions());
     if (format == OutputFormat::Json) {
         JsonWriter json;
         json.beginObject();

@@ -180,7 +180,7 @@ CommandResult runPreflight(Args args) {
     if (!request)
         return reportInvalidArguments("preflight", request.error());
 
-    std::vector<SessionEntry> sessions = enumerateLiveSessions();
+    std::vector<SessionEntry> sessions = TRY(enumerateLiveSessions());
     bool found = request->session &&
                  std::any_of(sessions.begin(), sessions.end(), [&](const SessionEntry& entry) {
                      return entry.id == *request->session;

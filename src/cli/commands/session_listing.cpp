@@ -47,9 +47,9 @@ std::optional<std::string> sessionIdOf(std::string_view name) {
 
 } // namespace
 
-std::vector<SessionEntry> enumerateLiveSessions() {
+Result<std::vector<SessionEntry>> enumerateLiveSessions() {
     std::vector<SessionEntry> sessions;
-    auto directory = chooseRuntimeDir();
+    auto directory = TRY(existingRuntimeDir());
     if (!directory)
         return sessions;
     auto reader = sys::DirectoryReader::open(*directory);

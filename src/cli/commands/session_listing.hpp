@@ -18,8 +18,9 @@ struct SessionEntry {
 };
 
 // Live sessions in directory order. Never creates the runtime directory; a
-// missing one has no sessions.
-[[nodiscard]] std::vector<SessionEntry> enumerateLiveSessions();
+// missing one has no sessions. A base path that cannot be used (or a
+// directory of another user) is an error, not an empty listing.
+[[nodiscard]] Result<std::vector<SessionEntry>> enumerateLiveSessions();
 
 // The session object, keys in their published order.
 void writeSessionJson(JsonWriter& json, const SessionEntry& entry);
