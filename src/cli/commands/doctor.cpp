@@ -3,7 +3,8 @@
 // It reads the host's login policy (logind's KillUserProcesses and the
 // user's lingering), looks at the runtime directory and its socket paths,
 // looks up TERM's terminfo entry and asks every live keeper which protocol
-// it speaks. It changes nothing.
+// it speaks. It changes nothing beyond what `list` does (the files of a
+// keeper that has died are removed while the sessions are enumerated).
 #include "cli/commands/doctor.hpp"
 
 #include "cli/commands/host_login.hpp"
