@@ -1,5 +1,4 @@
-// `cmake --install` into a temporary prefix puts every file in place, and
-// the installed second name, a link, behaves exactly like the program.
+// `cmake --install` into a temporary prefix: every file, and the second name.
 #include "support/test_support.hpp"
 
 #include <gtest/gtest.h>
