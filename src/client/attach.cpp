@@ -5,6 +5,7 @@
 
 #include "cli/log.hpp"
 #include "cli/session_id.hpp"
+#include "client/detach_key.hpp"
 #include "client/greeting.hpp"
 #include "client/protocol/frame.hpp"
 #include "client/receive_buffer.hpp"
@@ -50,9 +51,9 @@ enum class Flow { Continue, Reconnect };
 class AttachLoop {
   public:
     AttachLoop(std::string_view id, const PortableMetadata& portable, UniqueFd socket,
-               sys::SignalPipe& signals, const std::string& nonce)
+               sys::SignalPipe& signals, const std::string& nonce, DetachKey detachKey)
         : id_(id), portable_(portable), socket_(std::move(socket)), signals_(signals),
-          bracket_(nonce, 1), lastConnectMs_(sys::monotonicMs()) {}
+          bracket_(nonce, 1), detachKey_(detachKey), lastConnectMs_(sys::monotonicMs()) {}
 
     Result<int> run() {
         auto result = loop();
@@ -96,6 +97,9 @@ class AttachLoop {
                 if (*got == 0)
                     return kExitSuccess;
                 std::string_view bytes(input.data(), *got);
+                // Detaching ends the attach exactly like closed input.
+                if (detachKey_.detaches(bytes))
+                    return kExitSuccess;
                 while (!write_frame(socket_.get(), FrameType::Input, bytes)) {
                     if (auto ending = reconnect())
                         return *ending;
@@ -258,6 +262,7 @@ class AttachLoop {
     UniqueFd socket_;
     sys::SignalPipe& signals_;
     ReplayBracket bracket_;
+    DetachKey detachKey_;
     ReceiveBuffer buffer_;
     std::int64_t lastConnectMs_;
     int attempts_ = 0;
@@ -271,6 +276,9 @@ CommandResult attachSession(std::string_view id, const PortableMetadata& portabl
     // A keeper that vanishes mid-write must end in a reconnect or a named
     // error, never kill the client: writes then fail with BrokenPipe.
     TRY(sys::setSignalIgnored(SIGPIPE));
+    auto detachKey = DetachKey::fromEnvironment();
+    if (!detachKey)
+        return kExitUsage;
     UniqueFd socket = TRY(connectAndGreet(id, portable));
     RawTerminal terminal = TRY(RawTerminal::enter());
     auto signals = sys::SignalPipe::create();
@@ -281,7 +289,7 @@ CommandResult attachSession(std::string_view id, const PortableMetadata& portabl
     TRY(signals->route(SIGWINCH, 'W'));
     std::string nonce = TRY(replayNonce());
 
-    AttachLoop loop(id, portable, std::move(socket), *signals, nonce);
+    AttachLoop loop(id, portable, std::move(socket), *signals, nonce, *detachKey);
     return loop.run();
 }
 

@@ -7,6 +7,7 @@
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "client/attach.hpp"
+#include "client/detach_key.hpp"
 #include "client/terminal_mode.hpp"
 #include "platform/process.hpp"
 #include "platform/pty.hpp"
@@ -105,6 +106,9 @@ CommandResult runConnect(Args args) {
     auto options = parseSpawnOptions(args, OptionSet::DimensionsOnly);
     if (!options)
         return reportInvalidArguments("connect", options.error());
+    // An unusable detach key is refused before a keeper is started for nothing.
+    if (!DetachKey::fromEnvironment())
+        return kExitUsage;
     sys::WindowSize size{options->cols, options->rows};
     if (sys::isatty(0)) {
         auto terminal = sys::windowSize(0);

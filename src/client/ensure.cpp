@@ -7,6 +7,7 @@
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "client/attach.hpp"
+#include "client/detach_key.hpp"
 #include "client/greeting.hpp"
 #include "client/protocol/frame.hpp"
 #include "client/protocol/portable_takeover.hpp"
@@ -90,6 +91,9 @@ CommandResult runEnsure(Args args) {
     auto options = parseSpawnOptions(args.subspan(1), OptionSet::All);
     if (!options)
         return reportInvalidArguments("ensure", options.error());
+    // An unusable detach key is refused before a keeper is started for nothing.
+    if (!DetachKey::fromEnvironment())
+        return kExitUsage;
     TRY(runtimeDir());
 
     if (auto stop = makeLive(id, *options))

@@ -4,6 +4,7 @@
 #include "cli/commands/front_end.hpp"
 
 #include "cli/command.hpp"
+#include "cli/commands/doctor.hpp"
 #include "cli/commands/inspect.hpp"
 #include "cli/commands/list.hpp"
 #include "cli/commands/preflight.hpp"
@@ -153,7 +154,7 @@ CommandResult printHelp(Args) {
     return kExitSuccess;
 }
 
-constexpr std::array<Command, 14> kCommands{{
+constexpr std::array<Command, 15> kCommands{{
     {"new", runNew},
     {"list", runList},
     {"attach", runAttach},
@@ -163,6 +164,7 @@ constexpr std::array<Command, 14> kCommands{{
     {"kill", runKill},
     {"connect", runConnect},
     {"serve", runServe},
+    {"doctor", runDoctor},
     {"--keeper-exec", runKeeperEntry},
     {"--version", printVersion},
     {"-v", printVersion},
