@@ -218,7 +218,11 @@ bool keeperBinaryReplaced(const SessionEntry& session) {
 }
 
 void checkSessions(std::vector<Finding>& findings) {
-    std::vector<SessionEntry> sessions = enumerateLiveSessions();
+    // An unusable runtime directory is the runtime-directory check's finding.
+    auto listed = enumerateLiveSessions();
+    if (!listed)
+        return;
+    const std::vector<SessionEntry>& sessions = *listed;
     std::size_t before = findings.size();
     for (const SessionEntry& session : sessions) {
         if (auto version = keeperProtocolMismatch(session.id)) {
