@@ -79,6 +79,16 @@ Result<std::size_t> send(int fd, std::string_view bytes, MoreToCome more) {
     }
 }
 
+Result<std::size_t> receiveNow(int fd, std::span<char> buffer) {
+    for (;;) {
+        ssize_t got = ::recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (got >= 0)
+            return static_cast<std::size_t>(got);
+        if (errno != EINTR)
+            return fail(errorFromErrno(errno));
+    }
+}
+
 Result<> setDeferAccept(int fd, int seconds) {
     if (::setsockopt(fd, IPPROTO_TCP, TCP_DEFER_ACCEPT, &seconds, sizeof seconds) != 0)
         return fail(errorFromErrno(errno));

@@ -39,8 +39,9 @@ class Pages : public ::testing::Test {
         return out.text;
     }
     std::string search(const std::string& query, HiddenFiles hidden = HiddenFiles::Hidden) {
-        std::string rootPath = root();
-        SearchRequest request{query, "", rootPath, hidden};
+        auto reader = sys::DirectoryReader::open(root());
+        EXPECT_TRUE(reader);
+        SearchRequest request{query, "", hidden, &*reader};
         Collector out;
         EXPECT_TRUE(writeSearchResults(out, request));
         return out.text;
