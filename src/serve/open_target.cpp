@@ -47,8 +47,9 @@ std::expected<OpenTarget, Status> openRelative(const ServeSettings& settings,
         auto mount = openMount(settings, std::string_view(relative).substr(0, slash));
         if (!mount)
             return std::unexpected(Status::Forbidden);
-        std::string_view rest =
-            slash == std::string_view::npos ? std::string_view() : relative.substr(slash + 1);
+        std::string_view rest = slash == std::string::npos
+                                    ? std::string_view()
+                                    : std::string_view(relative).substr(slash + 1);
         opened = sys::openBeneath(mount->get(), rest, kTargetFlags);
     }
     if (!opened)

@@ -66,6 +66,7 @@ const std::string_view kPageStyle =
     ".note{padding:10px 12px;color:var(--muted);font-size:13px;border-top:1px solid "
     "var(--line)}"
     ".search-title{font-size:16px;margin:8px 0}"
+    ".search-title+section td:last-child{white-space:nowrap}"
     // Narrow screens: a listing row becomes a line of kind and name over a
     // line of its buttons, so names keep the whole width; the search table
     // stays a table.
