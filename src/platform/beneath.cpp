@@ -52,8 +52,8 @@ Result<UniqueFd> openatNoFollow(int directoryFd, const std::string& name, int fl
     }
 }
 
-// Every segment but the last is a directory opened without following a
-// link; the last gets the caller's flags, also without following one.
+// Every segment but the last must be a directory, opened without following
+// a link; the last gets the caller's flags, also without following one.
 Result<UniqueFd> walkBeneath(int directoryFd, std::string_view relative, int flags) {
     UniqueFd current;
     int at = directoryFd;
@@ -68,9 +68,14 @@ Result<UniqueFd> walkBeneath(int directoryFd, std::string_view relative, int fla
         if (segment == "..")
             return fail(Error::CrossDevice);
         std::string name(segment.empty() ? std::string_view(".") : segment);
-        current = TRY(openatNoFollow(at, name, last ? flags : O_RDONLY | O_DIRECTORY));
+        // Without O_DIRECTORY a link on the way fails as a link (ELOOP), as
+        // it does through openat2, rather than as "not a directory".
+        current = TRY(openatNoFollow(at, name, last ? flags : O_RDONLY | O_NONBLOCK | O_NOCTTY));
         if (last)
             return current;
+        struct stat status = TRY(fstat(current.get()));
+        if (!S_ISDIR(status.st_mode))
+            return fail(Error::NotDir);
         at = current.get();
     }
 }
