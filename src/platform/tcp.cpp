@@ -60,10 +60,6 @@ Result<> setTimeout(int fd, int option, int seconds) {
 
 } // namespace
 
-Result<> setReceiveTimeout(int fd, int seconds) {
-    return setTimeout(fd, SO_RCVTIMEO, seconds);
-}
-
 Result<> setSendTimeout(int fd, int seconds) {
     return setTimeout(fd, SO_SNDTIMEO, seconds);
 }

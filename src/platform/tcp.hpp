@@ -22,9 +22,8 @@ namespace tovel::sys {
 // accept4 with close-on-exec. The new socket blocks, whatever the listener
 // does; a non-blocking listener with nothing pending gives WouldBlock.
 [[nodiscard]] Result<UniqueFd> accept(int listenFd);
-// SO_RCVTIMEO / SO_SNDTIMEO: a blocking read or write that makes no progress
-// for this long fails with WouldBlock.
-[[nodiscard]] Result<> setReceiveTimeout(int fd, int seconds);
+// SO_SNDTIMEO: a blocking write that makes no progress for this long fails
+// with WouldBlock.
 [[nodiscard]] Result<> setSendTimeout(int fd, int seconds);
 enum class MoreToCome { No, Yes };
 // send() without SIGPIPE; with MoreToCome::Yes (MSG_MORE) the bytes may wait
