@@ -5,7 +5,9 @@
 # client sends "Connection: close". Prints a markdown summary of medians.
 #
 # Usage: bench/serve_bench.sh [path/to/tovel-ptyd] [rounds]
-# Needs wrk, curl, nginx, python3 and grep (apt install wrk curl nginx-light).
+# Needs wrk, curl, nginx, python3, grep and g++ (apt install wrk curl nginx-light).
+# Also times the owner lookup the server makes for every connection
+# (bench/serve_owner_lookup.cpp, built here against the platform sources).
 set -euo pipefail
 
 BIN=$(realpath "${1:-build-bench/tovel-ptyd}")
@@ -101,6 +103,11 @@ ratio() { echo "scale=2; $1 / $2" | bc -l | sed 's/^\./0./'; }
 mib() { echo "scale=0; $1 / 1048576" | bc -l; }
 ms() { echo "scale=1; $1 * 1000 / 1" | bc -l | sed 's/^\./0./'; }
 
+SRC=$(cd "$(dirname "$0")/.." && pwd)
+g++ -std=c++23 -O2 -I"$SRC/src" "$SRC/bench/serve_owner_lookup.cpp" "$SRC"/src/platform/*.cpp \
+  -o "$WORK/owner_lookup" -lpthread
+read -r _ DIAG_US _ PROC_US <<<"$("$WORK/owner_lookup" 20000 | tr '\n' ' ')"
+
 echo "## File server ($(date -u +%F), $ROUNDS rounds, interleaved)"
 echo
 echo "Command: bench/serve_bench.sh $* on $(nproc) cores, $(uname -sr); medians of the rounds."
@@ -111,3 +118,5 @@ echo "| 1 KiB file, wrk -t1 -c16 -d${WRK_SECONDS}s (req/s) | $(m tovel.rps) | $(
 echo "| 256 MiB download, curl (MiB/s) | $(mib "$(m tovel.big)") | $(mib "$(m nginx.big)") | - | $(ratio "$(m tovel.big)" "$(m nginx.big)")x nginx | >= 0.9x nginx |"
 echo "| 2,000-entry directory page (ms, best of 5) | $(ms "$(m tovel.page)") | $(ms "$(m nginx.page)") (autoindex) | - | $(ratio "$(m tovel.page)" "$(m nginx.page)")x nginx | <= 1x nginx |"
 echo "| search of 5,000 files (ms, best of 3) | $(ms "$(m tovel.search)") | - | - | $(ratio "$(m tovel.search)" "$(m grep.search)")x grep -rIil ($(ms "$(m grep.search)") ms) | <= 2x grep |"
+echo
+echo "Owner lookup per connection: ${DIAG_US} us through sock_diag, ${PROC_US} us through /proc/net/tcp (the fallback)."

@@ -43,6 +43,10 @@ Result<DirectoryReader> DirectoryReader::open(std::string_view path) {
     return DirectoryReader(TRY(adopt(std::move(fd))));
 }
 
+Result<DirectoryReader> DirectoryReader::fromDescriptor(UniqueFd fd) {
+    return DirectoryReader(TRY(adopt(std::move(fd))));
+}
+
 Result<DirectoryReader> DirectoryReader::openChild(std::string_view name) const {
     UniqueFd fd = TRY(openEntry(name, O_RDONLY | O_DIRECTORY));
     return DirectoryReader(TRY(adopt(std::move(fd))));

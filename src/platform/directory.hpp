@@ -26,6 +26,8 @@ class DirectoryReader {
   public:
     // Opens `path` (O_DIRECTORY, close-on-exec).
     [[nodiscard]] static Result<DirectoryReader> open(std::string_view path);
+    // Reads the directory open on `fd` (fdopendir); the reader owns it.
+    [[nodiscard]] static Result<DirectoryReader> fromDescriptor(UniqueFd fd);
     // Opens the directory `name` inside this one.
     [[nodiscard]] Result<DirectoryReader> openChild(std::string_view name) const;
 

@@ -64,6 +64,8 @@ Error errorFromErrno(int errnoValue) {
         return Error::PathAlreadyExists;
     case ELOOP:
         return Error::SymLinkLoop;
+    case EXDEV:
+        return Error::CrossDevice;
     case EIO:
         return Error::InputOutput;
     case EFBIG:

@@ -32,6 +32,7 @@ namespace tovel {
     X(PathTooLong)                                                                                 \
     X(PathAlreadyExists)                                                                           \
     X(SymLinkLoop)                                                                                 \
+    X(CrossDevice)                                                                                 \
     X(InputOutput)                                                                                 \
     X(FileSystem)                                                                                  \
     X(FileTooBig)                                                                                  \

@@ -60,10 +60,6 @@ Result<> setTimeout(int fd, int option, int seconds) {
 
 } // namespace
 
-Result<> setReceiveTimeout(int fd, int seconds) {
-    return setTimeout(fd, SO_RCVTIMEO, seconds);
-}
-
 Result<> setSendTimeout(int fd, int seconds) {
     return setTimeout(fd, SO_SNDTIMEO, seconds);
 }
@@ -74,6 +70,16 @@ Result<std::size_t> send(int fd, std::string_view bytes, MoreToCome more) {
         ssize_t sent = ::send(fd, bytes.data(), bytes.size(), flags);
         if (sent >= 0)
             return static_cast<std::size_t>(sent);
+        if (errno != EINTR)
+            return fail(errorFromErrno(errno));
+    }
+}
+
+Result<std::size_t> receiveNow(int fd, std::span<char> buffer) {
+    for (;;) {
+        ssize_t got = ::recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (got >= 0)
+            return static_cast<std::size_t>(got);
         if (errno != EINTR)
             return fail(errorFromErrno(errno));
     }

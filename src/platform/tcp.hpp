@@ -6,6 +6,7 @@
 #include "platform/unique_fd.hpp"
 
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 namespace tovel::sys {
@@ -21,14 +22,16 @@ namespace tovel::sys {
 // accept4 with close-on-exec. The new socket blocks, whatever the listener
 // does; a non-blocking listener with nothing pending gives WouldBlock.
 [[nodiscard]] Result<UniqueFd> accept(int listenFd);
-// SO_RCVTIMEO / SO_SNDTIMEO: a blocking read or write that makes no progress
-// for this long fails with WouldBlock.
-[[nodiscard]] Result<> setReceiveTimeout(int fd, int seconds);
+// SO_SNDTIMEO: a blocking write that makes no progress for this long fails
+// with WouldBlock.
 [[nodiscard]] Result<> setSendTimeout(int fd, int seconds);
 enum class MoreToCome { No, Yes };
 // send() without SIGPIPE; with MoreToCome::Yes (MSG_MORE) the bytes may wait
 // to share a segment with the next send. Returns the bytes taken.
 [[nodiscard]] Result<std::size_t> send(int fd, std::string_view bytes, MoreToCome more);
+// recv with MSG_DONTWAIT: what has arrived, WouldBlock when nothing has, 0
+// at the end of the stream.
+[[nodiscard]] Result<std::size_t> receiveNow(int fd, std::span<char> buffer);
 // TCP_DEFER_ACCEPT: a connection is handed to accept only once its first
 // bytes (or its end) have arrived, or after about this many seconds.
 [[nodiscard]] Result<> setDeferAccept(int fd, int seconds);

@@ -4,6 +4,7 @@
 #include "platform/decimal.hpp"
 
 #include "cli/runtime_dir.hpp"
+#include "platform/beneath.hpp"
 #include "platform/system.hpp"
 #include "serve/html_text.hpp"
 #include "serve/page_style.hpp"
@@ -88,8 +89,7 @@ class Page {
         TRY(writeWarnings());
         TRY(writeSearchForm(query));
         if (!query.empty()) {
-            SearchRequest search{query, relative_, request_.directoryRealPath,
-                                 request_.hiddenFiles};
+            SearchRequest search{query, relative_, request_.hiddenFiles, request_.directory};
             TRY(writeSearchResults(out_, search));
         } else {
             TRY(writeListing());
@@ -195,7 +195,7 @@ class Page {
         std::optional<std::string> linkRealPath;
         bool directoryLike = isDirectory;
         if (isLink) {
-            auto target = sys::readlink(fullPath);
+            auto target = sys::readlinkAt(request_.directory->fd(), name);
             if (target)
                 linkTarget = std::move(*target);
             auto real = sys::realpath(fullPath);

@@ -1,8 +1,8 @@
-// Reading one request head, routing it (raw files under "/", the file
-// browser under "/__tovel/"), applying the path-safety rules and answering.
+// One connection: reading its request head within the deadline, checking
+// who sent it and for which host, routing it (raw files under "/", the
+// file browser under "/__tovel/") and answering from opened descriptors.
 #include "serve/connection.hpp"
 
-#include "cli/runtime_dir.hpp"
 #include "platform/clock.hpp"
 #include "platform/directory.hpp"
 #include "platform/system.hpp"
@@ -10,11 +10,13 @@
 #include "serve/browser_page.hpp"
 #include "serve/html_text.hpp"
 #include "serve/http_response.hpp"
+#include "serve/open_target.hpp"
 #include "serve/path_rules.hpp"
-#include "serve/protected_path.hpp"
+#include "serve/peer_owner.hpp"
 #include "serve/redirect_location.hpp"
+#include "serve/request_head.hpp"
 
-#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 namespace tovel::serve {
@@ -26,10 +28,13 @@ constexpr std::size_t kFileChunkSize = 65536;
 // sendfile moves file bytes to the socket inside the kernel; large counts
 // keep a big download to a handful of calls.
 constexpr std::size_t kSendfileChunkSize = 4 * 1024 * 1024;
-// A client that sends half a head and then nothing, or stops reading its
-// response, would otherwise hold its thread forever. Its connection is
-// closed after this long without progress, as if it had gone away.
-constexpr int kHeadReadTimeoutSeconds = 60;
+// The whole head must arrive within this long, however it is trickled; a
+// connection served on the accept thread gets far less.
+constexpr int kHeadDeadlineSeconds = 10;
+constexpr std::int64_t kHeadDeadlineMs = kHeadDeadlineSeconds * 1000;
+constexpr std::int64_t kInlineHeadDeadlineMs = 1000;
+// A client that stops reading its response would otherwise hold its thread
+// forever: a send that makes no progress for this long ends the response.
 constexpr int kStalledSendTimeoutSeconds = 120;
 // Page pieces are gathered into writes of this size: a long listing goes
 // out in a few large writes rather than many small ones.
@@ -43,51 +48,31 @@ struct Request {
     std::string_view query; // after "?", without the fragment
 };
 
-// Reads until the blank line that ends the head. nullopt (no response at
-// all) for end of stream, a read error or a head that does not fit.
-std::optional<std::string_view> readHead(int fd, std::span<char> buffer) {
+// Reads until the blank line that ends the head, or until the deadline.
+// nullopt (no response at all) for end of stream, a read error, a head
+// that does not fit or one that is late.
+std::optional<std::string_view> readHead(int fd, std::span<char> buffer, std::int64_t deadlineMs) {
     std::size_t used = 0;
     while (used < buffer.size()) {
-        auto got = sys::read(fd, buffer.subspan(used));
+        auto got = sys::receiveNow(fd, buffer.subspan(used));
+        if (!got && got.error() == Error::WouldBlock) {
+            std::int64_t left = deadlineMs - sys::monotonicMs();
+            pollfd entry{fd, POLLIN, 0};
+            auto ready =
+                left > 0 ? sys::poll(std::span(&entry, 1), static_cast<int>(left)) : Result<int>(0);
+            if (!ready || *ready == 0)
+                return std::nullopt;
+            continue;
+        }
         if (!got || *got == 0)
             return std::nullopt;
-        std::size_t searchFrom = used >= 3 ? used - 3 : 0;
+        std::size_t searched = used;
         used += *got;
         std::string_view text(buffer.data(), used);
-        if (text.find("\r\n\r\n", searchFrom) != std::string_view::npos)
+        if (headEnd(text, searched))
             return text;
     }
     return std::nullopt;
-}
-
-std::string_view nextToken(std::string_view& line) {
-    std::size_t start = line.find_first_not_of(' ');
-    if (start == std::string_view::npos) {
-        line = {};
-        return {};
-    }
-    line.remove_prefix(start);
-    std::size_t end = line.find(' ');
-    std::string_view token = line.substr(0, end);
-    line = end == std::string_view::npos ? std::string_view() : line.substr(end);
-    return token;
-}
-
-// A parameter's value in the query ("name=value" pairs split by "&").
-std::optional<std::string_view> queryParameter(std::string_view query, std::string_view name) {
-    while (!query.empty()) {
-        std::size_t amp = query.find('&');
-        std::string_view pair = query.substr(0, amp);
-        query = amp == std::string_view::npos ? std::string_view() : query.substr(amp + 1);
-        std::size_t equals = pair.find('=');
-        if (pair.substr(0, equals) == name)
-            return equals == std::string_view::npos ? std::string_view() : pair.substr(equals + 1);
-    }
-    return std::nullopt;
-}
-
-bool flagOn(std::string_view query, std::string_view name) {
-    return queryParameter(query, name) == std::string_view("1");
 }
 
 // Writes all of `bytes` to the blocking socket. A client that has read
@@ -152,73 +137,12 @@ class SocketBodyWriter final : public BodyWriter {
     std::string buffer_;
 };
 
-struct Resolved {
-    std::string relative; // decoded, below the root
-    std::string realPath;
-    struct stat status;
-};
-
-// Decoding, segment rules, real path and containment; answers the refusal
-// itself and returns nullopt when the request ends there.
-std::optional<Resolved> resolve(Responder& out, const ServeSettings& settings,
-                                std::string_view rawPath) {
-    auto decoded = percentDecode(rawPath);
-    auto relative = decoded ? relativePathOf(*decoded) : std::nullopt;
-    if (!relative) {
-        out.error(Status::Forbidden);
-        return std::nullopt;
-    }
-    std::string joined =
-        relative->empty() ? settings.rootRealPath : joinPath(settings.rootRealPath, *relative);
-    if (joined.size() >= kMaxDecodedPath) {
-        out.error(Status::Forbidden);
-        return std::nullopt;
-    }
-    auto real = sys::realpath(joined);
-    if (!real) {
-        out.error(Status::NotFound);
-        return std::nullopt;
-    }
-    if (containmentOf(settings.rootRealPath, *relative, *real) == Containment::Outside) {
-        out.error(Status::Forbidden);
-        return std::nullopt;
-    }
-    auto status = sys::stat(*real);
-    if (!status) {
-        out.error(Status::NotFound);
-        return std::nullopt;
-    }
-    return Resolved{std::move(*relative), std::move(*real), *status};
-}
-
-// The requested path and the resolved one must both be free of secrets: a
-// link inside the root must not open a protected file under another name.
-bool isProtectedTarget(const ServeSettings& settings, const Resolved& target) {
-    if (isProtectedPath(target.relative))
-        return true;
-    std::string_view real = target.realPath;
-    if (isInside(real, settings.rootRealPath))
-        real.remove_prefix(std::min(real.size(), settings.rootRealPath.size()));
-    return isProtectedPath(real);
-}
-
-// Sends the regular file checked as `checked`. The file opened must be that
-// same file: one swapped in after the checks (say, for a link to a secret or
-// a FIFO that would block the open) is answered as missing.
-void sendFile(Responder& out, const std::string& realPath, const struct stat& checked,
-              std::string_view name, Disposition disposition) {
-    auto file = sys::open(realPath, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
-    if (!file) {
-        out.error(Status::NotFound);
-        return;
-    }
-    auto status = sys::fstat(file->get());
-    if (!status || !S_ISREG(status->st_mode) || status->st_dev != checked.st_dev ||
-        status->st_ino != checked.st_ino) {
-        out.error(Status::NotFound);
-        return;
-    }
-    auto size = static_cast<std::uint64_t>(status->st_size);
+// Sends the regular file open on `file`, exactly the size it had when it
+// was opened: bytes it gains meanwhile are not sent, and a file that
+// shrinks ends the connection with the body short.
+void sendFile(Responder& out, const OpenTarget& file, std::string_view name,
+              Disposition disposition) {
+    auto size = static_cast<std::uint64_t>(file.status.st_size);
     // With a body to follow, the head waits to share its first segment.
     bool bodyFollows = out.method() == Method::Get && size > 0;
     if (!out.send(staticFileHead(contentTypeFor(name), size, disposition),
@@ -228,22 +152,24 @@ void sendFile(Responder& out, const std::string& realPath, const struct stat& ch
         return;
     std::uint64_t left = size;
     while (left > 0) {
-        auto sent = sys::sendfile(out.fd(), file->get(), kSendfileChunkSize);
+        auto sent = sys::sendfile(out.fd(), file.fd.get(),
+                                  std::min<std::uint64_t>(left, kSendfileChunkSize));
         if (sent && *sent > 0) {
-            left -= std::min<std::uint64_t>(left, *sent);
+            left -= *sent;
             continue;
         }
         if (sent)
-            return; // the file shrank: the client sees a short body
+            return;
         if (sent.error() != Error::InvalidArgument && sent.error() != Error::OperationNotSupported)
             return;
         // No sendfile for this file: copy through a buffer.
         char buffer[kFileChunkSize];
         while (left > 0) {
-            auto got = sys::read(file->get(), std::span(buffer, sizeof buffer));
+            std::size_t want = std::min<std::uint64_t>(left, sizeof buffer);
+            auto got = sys::read(file.fd.get(), std::span(buffer, want));
             if (!got || *got == 0 || !out.send(std::string_view(buffer, *got)))
                 return;
-            left -= std::min<std::uint64_t>(left, *got);
+            left -= *got;
         }
     }
 }
@@ -254,9 +180,11 @@ std::string_view lastSegment(std::string_view path) {
 }
 
 void serveRaw(Responder& out, const ServeSettings& settings, const Request& request) {
-    auto target = resolve(out, settings, request.path);
-    if (!target)
+    auto target = openRequestPath(settings, request.path);
+    if (!target) {
+        out.error(target.error());
         return;
+    }
     Disposition disposition =
         flagOn(request.query, "download") ? Disposition::Attachment : Disposition::Inline;
     bool endsInSlash = request.path.ends_with('/');
@@ -269,31 +197,15 @@ void serveRaw(Responder& out, const ServeSettings& settings, const Request& requ
             out.redirect("", request.path, "/");
             return;
         }
-        auto index = sys::realpath(joinPath(target->realPath, "index.html"));
-        if (!index) {
-            out.error(Status::NotFound);
-            return;
-        }
-        std::string indexRelative =
-            target->relative.empty() ? "index.html" : target->relative + "/index.html";
-        if (containmentOf(settings.rootRealPath, indexRelative, *index) == Containment::Outside) {
-            out.error(Status::Forbidden);
-            return;
-        }
-        auto status = sys::stat(*index);
-        if (!status || !S_ISREG(status->st_mode)) {
-            out.error(Status::NotFound);
-            return;
-        }
         // An index page is a file like any other: inside ".ssh", or a link
         // to a key, it is refused.
-        Resolved indexTarget{std::move(indexRelative), std::move(*index), *status};
-        if (isProtectedTarget(settings, indexTarget)) {
-            out.error(Status::Forbidden);
+        target =
+            openRelative(settings, target->relative.empty() ? std::string("index.html")
+                                                            : target->relative + "/index.html");
+        if (!target) {
+            out.error(target.error());
             return;
         }
-        sendFile(out, indexTarget.realPath, indexTarget.status, "index.html", disposition);
-        return;
     }
     if (!S_ISREG(target->status.st_mode)) {
         out.error(Status::NotFound);
@@ -303,7 +215,7 @@ void serveRaw(Responder& out, const ServeSettings& settings, const Request& requ
         out.error(Status::Forbidden);
         return;
     }
-    sendFile(out, target->realPath, target->status, lastSegment(target->relative), disposition);
+    sendFile(out, *target, lastSegment(target->relative), disposition);
 }
 
 bool hasHiddenSegment(std::string_view decoded) {
@@ -327,28 +239,33 @@ void serveBrowser(Responder& out, const ServeSettings& settings, const Request& 
             return;
         }
     }
-    auto target = resolve(out, settings, path);
-    if (!target)
+    auto target = openRequestPath(settings, path);
+    if (!target) {
+        out.error(target.error());
         return;
-    if (S_ISREG(target->status.st_mode)) {
-        if (isProtectedTarget(settings, *target)) {
-            out.error(Status::Forbidden);
-            return;
-        }
+    }
+    bool isDirectory = S_ISDIR(target->status.st_mode);
+    if (!isDirectory && !S_ISREG(target->status.st_mode)) {
+        out.error(Status::NotFound);
+        return;
+    }
+    // A protected directory is not listed either: its names alone (key
+    // files, hosts) are what it protects.
+    if (isProtectedTarget(settings, *target)) {
+        out.error(Status::Forbidden);
+        return;
+    }
+    if (!isDirectory) {
         std::string location;
         appendRawUrl(location, target->relative);
         out.send(redirectHead(location));
-        return;
-    }
-    if (!S_ISDIR(target->status.st_mode)) {
-        out.error(Status::NotFound);
         return;
     }
     if (!path.ends_with('/')) {
         out.redirect(kBrowserPrefix, path, "/");
         return;
     }
-    auto directory = sys::DirectoryReader::open(target->realPath);
+    auto directory = sys::DirectoryReader::fromDescriptor(std::move(target->fd));
     if (!directory) {
         out.error(Status::NotFound);
         return;
@@ -370,26 +287,28 @@ void serveBrowser(Responder& out, const ServeSettings& settings, const Request& 
 }
 
 void answer(int fd, ServeSettings& settings, std::string_view head) {
-    std::string_view line = head.substr(0, head.find('\r'));
-    std::string_view method = nextToken(line);
-    std::string_view target = nextToken(line);
-    std::string_view version = nextToken(line);
-    if (version.empty()) {
+    if (checkPeerOwner(fd) == PeerAccess::Refused) {
+        Responder(fd, Method::Get).error(Status::Forbidden);
+        return;
+    }
+    RequestLine line = parseRequestLine(head);
+    if (line.version.empty()) {
         Responder(fd, Method::Get).error(Status::BadRequest);
         return;
     }
-    if (method != "GET" && method != "HEAD") {
+    if (line.method != "GET" && line.method != "HEAD") {
         Responder(fd, Method::Get).error(Status::MethodNotAllowed);
         return;
     }
-    Responder out(fd, method == "HEAD" ? Method::Head : Method::Get);
+    Responder out(fd, line.method == "HEAD" ? Method::Head : Method::Get);
+    if (checkHost(head) == HostCheck::Refused) {
+        out.error(Status::Forbidden);
+        return;
+    }
     settings.lastActivityMs.store(sys::monotonicMs());
 
-    target = target.substr(0, target.find('#'));
-    std::size_t question = target.find('?');
-    Request request{out.method(), target.substr(0, question),
-                    question == std::string_view::npos ? std::string_view()
-                                                       : target.substr(question + 1)};
+    Target target = splitTarget(line.target);
+    Request request{out.method(), target.path, target.query};
     if (request.path.empty() || request.path.front() != '/') {
         out.error(Status::Forbidden);
         return;
@@ -408,14 +327,16 @@ void answer(int fd, ServeSettings& settings, std::string_view head) {
 } // namespace
 
 void setConnectionTimeouts(int listenerFd) {
-    (void)sys::setDeferAccept(listenerFd, kHeadReadTimeoutSeconds);
-    (void)sys::setReceiveTimeout(listenerFd, kHeadReadTimeoutSeconds);
+    (void)sys::setDeferAccept(listenerFd, kHeadDeadlineSeconds);
     (void)sys::setSendTimeout(listenerFd, kStalledSendTimeoutSeconds);
 }
 
-void handleConnection(UniqueFd socket, ServeSettings& settings) {
+void handleConnection(UniqueFd socket, ServeSettings& settings, Handling handling) {
+    std::int64_t deadline =
+        sys::monotonicMs() +
+        (handling == Handling::Inline ? kInlineHeadDeadlineMs : kHeadDeadlineMs);
     char buffer[kRequestHeadSize];
-    auto head = readHead(socket.get(), std::span(buffer, sizeof buffer));
+    auto head = readHead(socket.get(), std::span(buffer, sizeof buffer), deadline);
     if (head)
         answer(socket.get(), settings, *head);
 }

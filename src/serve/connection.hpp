@@ -13,6 +13,11 @@ constexpr std::size_t kRequestHeadSize = 16384;
 // accepted socket inherits them, so a connection costs no call for them.
 void setConnectionTimeouts(int listenerFd);
 
-void handleConnection(UniqueFd socket, ServeSettings& settings);
+// A connection on its own thread has the whole head deadline; one handled
+// on the accept thread, because no thread could start, gets a short one so
+// that slow clients cannot hold the accept loop.
+enum class Handling { OwnThread, Inline };
+
+void handleConnection(UniqueFd socket, ServeSettings& settings, Handling handling);
 
 } // namespace tovel::serve

@@ -1,11 +1,7 @@
 // Path-safety rules.
 #include "serve/path_rules.hpp"
 
-#include "cli/runtime_dir.hpp"
 #include "platform/decimal.hpp"
-#include "platform/system.hpp"
-
-#include <sys/stat.h>
 
 namespace tovel::serve {
 
@@ -57,22 +53,6 @@ bool isInside(std::string_view path, std::string_view directory) {
         return true;
     // The root itself may be "/", whose children do not repeat the slash.
     return directory.ends_with('/') || path[directory.size()] == '/';
-}
-
-Containment containmentOf(std::string_view rootRealPath, std::string_view relativePath,
-                          std::string_view targetRealPath) {
-    if (isInside(targetRealPath, rootRealPath))
-        return Containment::Inside;
-    std::string_view first = relativePath.substr(0, relativePath.find('/'));
-    if (first.empty())
-        return Containment::Outside;
-    auto mount = sys::realpath(joinPath(rootRealPath, first));
-    if (!mount || isInside(*mount, rootRealPath))
-        return Containment::Outside;
-    auto status = sys::stat(*mount);
-    if (!status || !S_ISDIR(status->st_mode))
-        return Containment::Outside;
-    return isInside(targetRealPath, *mount) ? Containment::ExternalMount : Containment::Outside;
 }
 
 } // namespace tovel::serve

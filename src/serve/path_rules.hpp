@@ -1,6 +1,6 @@
 // The server's path-safety rules: percent-decoding of request paths, the
-// segment rules, and containment in the root (with the external-symlink
-// mount). The protected names live in protected_path.hpp.
+// segment rules, and containment in a directory's real path. The protected
+// names live in protected_path.hpp.
 #pragma once
 
 #include "platform/result.hpp"
@@ -24,14 +24,5 @@ constexpr std::size_t kMaxDecodedPath = 4096;
 
 // `path` equals `directory` or lies below it (bytes only).
 [[nodiscard]] bool isInside(std::string_view path, std::string_view directory);
-
-enum class Containment { Inside, ExternalMount, Outside };
-
-// Where a resolved target lies: inside the root, inside the directory of a
-// symbolic link placed directly in the root (an external mount), or
-// outside (refused).
-[[nodiscard]] Containment containmentOf(std::string_view rootRealPath,
-                                        std::string_view relativePath,
-                                        std::string_view targetRealPath);
 
 } // namespace tovel::serve

@@ -51,6 +51,14 @@ std::size_t findFolded(std::string_view haystack, std::string_view needle) {
     return std::string_view::npos;
 }
 
+bool isSkippedFolder(std::string_view name) {
+    for (std::string_view skipped : kSkippedFolders) {
+        if (name == skipped)
+            return true;
+    }
+    return false;
+}
+
 enum class Kind { FolderName, FileName, FileContents };
 
 std::string_view kindText(Kind kind) {
@@ -74,14 +82,7 @@ class Search {
         buffer_ = std::make_unique_for_overwrite<char[]>(kContentReadSize + kMaxQueryLength);
     }
 
-    Result<> run(std::string_view directoryRealPath) {
-        auto root = sys::DirectoryReader::open(directoryRealPath);
-        if (root)
-            TRY(walk(*root, 0));
-        else
-            TRY(limitReached(0)); // an unreadable start still checks the limits
-        return {};
-    }
+    Result<> run(sys::DirectoryReader& directory) { return walk(directory, 0); }
 
     [[nodiscard]] int results() const { return results_; }
     [[nodiscard]] std::uint64_t filesScanned() const { return filesScanned_; }
@@ -130,39 +131,39 @@ class Search {
         }
     }
 
+    // Every entry is opened without following a link and without blocking
+    // (a FIFO swapped in opens at once), and its kind is taken from what was
+    // opened: a link swapped in after readdir is never walked into.
     Result<> visit(sys::DirectoryReader& directory, const sys::DirectoryEntry& entry, int depth) {
         if (path_.size() > kMaxSearchPath || isProtectedPath(path_))
             return {};
-        std::string name(entry.name); // the entry's name outlives the next readdir
-        sys::EntryType type = entry.type;
-        struct stat status {};
-        if (type == sys::EntryType::Unknown || type == sys::EntryType::Regular) {
-            auto looked = directory.statEntry(name, sys::FollowLinks::No);
-            if (!looked)
-                return {};
-            status = *looked;
-            type = S_ISREG(status.st_mode)   ? sys::EntryType::Regular
-                   : S_ISDIR(status.st_mode) ? sys::EntryType::Directory
-                                             : sys::EntryType::Other;
-        }
-        if (type == sys::EntryType::Regular)
-            return visitFile(directory, name, status);
-        if (type != sys::EntryType::Directory)
+        if (entry.type == sys::EntryType::SymbolicLink || entry.type == sys::EntryType::Other)
             return {};
-        for (std::string_view skipped : kSkippedFolders) {
-            if (name == skipped)
-                return {};
-        }
+        std::string name(entry.name); // the entry's name outlives the next readdir
+        if (entry.type == sys::EntryType::Directory && isSkippedFolder(name))
+            return {};
+        int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+        if (entry.type == sys::EntryType::Directory)
+            flags |= O_DIRECTORY;
+        auto opened = directory.openEntry(name, flags);
+        if (!opened)
+            return {};
+        auto status = sys::fstat(opened->get());
+        if (!status)
+            return {};
+        if (S_ISREG(status->st_mode))
+            return visitFile(opened->get(), name, *status);
+        if (!S_ISDIR(status->st_mode) || isSkippedFolder(name))
+            return {};
         if (findFolded(name, query_) != std::string_view::npos)
             TRY(addResult(Kind::FolderName));
-        auto child = directory.openChild(name);
+        auto child = sys::DirectoryReader::fromDescriptor(std::move(*opened));
         if (!child)
             return {};
         return walk(*child, depth + 1);
     }
 
-    Result<> visitFile(sys::DirectoryReader& directory, const std::string& name,
-                       const struct stat& status) {
+    Result<> visitFile(int file, const std::string& name, const struct stat& status) {
         ++filesScanned_;
         auto size = static_cast<std::uint64_t>(status.st_size);
         if (size > kMaxMatchedFileSize)
@@ -170,17 +171,14 @@ class Search {
         bytesScanned_ += size;
         if (findFolded(name, query_) != std::string_view::npos)
             return addResult(Kind::FileName);
-        if (contentsMatch(directory, name))
+        if (contentsMatch(file))
             return addResult(Kind::FileContents);
         return {};
     }
 
     // Reads at most 2 MiB in 65536-byte reads, keeping the last bytes of
     // each read in front of the next so that a match may straddle two.
-    bool contentsMatch(sys::DirectoryReader& directory, const std::string& name) {
-        auto file = directory.openEntry(name, O_RDONLY | O_NOFOLLOW);
-        if (!file)
-            return false;
+    bool contentsMatch(int file) {
         char* buffer = buffer_.get();
         std::size_t carried = 0;
         std::uint64_t total = 0;
@@ -188,7 +186,7 @@ class Search {
         while (total < kMaxMatchedFileSize) {
             std::size_t want =
                 std::min<std::uint64_t>(kContentReadSize, kMaxMatchedFileSize - total);
-            auto got = sys::read(file->get(), std::span(buffer + carried, want));
+            auto got = sys::read(file, std::span(buffer + carried, want));
             if (!got || *got == 0)
                 return false;
             std::string_view chunk(buffer + carried, *got);
@@ -240,7 +238,8 @@ Result<> writeSearchResults(BodyWriter& out, const SearchRequest& request) {
     TRY(out.write("<h2 class=\"search-title\">Search results</h2><section><table><thead><tr>"
                   "<th></th><th>Path</th><th>Match</th></tr></thead><tbody>"));
     Search search(out, request);
-    TRY(search.run(request.directoryRealPath));
+    if (request.directory != nullptr)
+        TRY(search.run(*request.directory));
     if (search.results() == 0)
         TRY(out.write("<tr><td colspan=\"3\" class=\"empty\">No matches found.</td></tr>"));
     std::string note = "</tbody></table><div class=\"note\">";

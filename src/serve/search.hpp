@@ -14,8 +14,10 @@ constexpr std::size_t kMaxQueryLength = 128;
 struct SearchRequest {
     std::string_view query;        // decoded, 1 to 128 bytes
     std::string_view relativePath; // the page's directory below the root, no slashes around
-    std::string_view directoryRealPath;
     HiddenFiles hiddenFiles = HiddenFiles::Hidden;
+    // The page's directory, already opened; the walk goes on from it by
+    // descriptor.
+    sys::DirectoryReader* directory = nullptr;
 };
 
 // Writes the search section: title, table of result rows, summary note.

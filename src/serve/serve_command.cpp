@@ -99,7 +99,7 @@ struct ConnectionCell {
 void* connectionThread(void* raw) {
     ConnectionCell cell = *static_cast<ConnectionCell*>(raw);
     delete static_cast<ConnectionCell*>(raw);
-    serve::handleConnection(UniqueFd(cell.fd), *cell.settings);
+    serve::handleConnection(UniqueFd(cell.fd), *cell.settings, serve::Handling::OwnThread);
     return nullptr;
 }
 
@@ -113,7 +113,7 @@ void dispatch(UniqueFd connection, serve::ServeSettings& settings,
     }
     delete cell;
     logWarning(LogScope::Serve, "thread spawn failed (", started.error(), "); serving inline");
-    serve::handleConnection(std::move(connection), settings);
+    serve::handleConnection(std::move(connection), settings, serve::Handling::Inline);
 }
 
 // Accepts what the listener has pending, up to a burst, so that a busy

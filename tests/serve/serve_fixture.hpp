@@ -22,7 +22,8 @@ class ServeFixture : public ::testing::Test {
     // A connected client socket (the caller closes it), or -1.
     int connectClient();
     std::string get(const std::string& target) {
-        return exchange("GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        return exchange("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) +
+                        "\r\n\r\n");
     }
     // The response body (after the blank line).
     std::string body(const std::string& response) {
