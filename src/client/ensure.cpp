@@ -10,6 +10,7 @@
 #include "client/greeting.hpp"
 #include "client/protocol/frame.hpp"
 #include "client/protocol/portable_takeover.hpp"
+#include "client/protocol/session_address.hpp"
 #include "keeper/launcher.hpp"
 #include "keeper/session_metadata.hpp"
 #include "platform/env.hpp"

@@ -5,6 +5,7 @@
 #include "cli/log.hpp"
 #include "cli/session_id.hpp"
 #include "client/protocol/frame.hpp"
+#include "client/protocol/session_address.hpp"
 #include "platform/clock.hpp"
 #include "platform/system.hpp"
 
