@@ -1,6 +1,8 @@
-// The keeper's single-threaded event loop: one poll over the listening
-// socket, the PTY master, the signal pipe and up to 32 clients, until the
-// shell has exited and every attached client has been told its status.
+// The keeper's single-threaded event loop: one poll over the two listening
+// sockets, the PTY master, the signal pipe and up to 32 clients, until the
+// shell has exited and every attached client has been told its status. Its
+// timers: handshake deadlines, the shutdown escalation and the periodic
+// check of the session's files.
 #pragma once
 
 #include "keeper/keeper_client.hpp"
