@@ -132,6 +132,13 @@ Result<std::string> runtimeDir() {
     return cachedDir;
 }
 
+Result<> recreateRuntimeDir() {
+    sys::MutexGuard guard(cacheMutex);
+    std::string path = cachedDir.empty() ? TRY(chooseRuntimeDir()) : cachedDir;
+    cachedDir = TRY(createRuntimeDir(std::move(path)));
+    return {};
+}
+
 Result<std::string> sessionPath(std::string_view id, std::string_view suffix) {
     if (!isValidSessionId(id))
         return fail(Error::InvalidSessionId);

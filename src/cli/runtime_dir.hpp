@@ -30,6 +30,11 @@ constexpr std::size_t kMaxRuntimeDirLength = 4096;
 // mode (nullopt when it is missing); the same ownership check as above.
 [[nodiscard]] Result<std::optional<std::string>> existingRuntimeDir();
 
+// Creates the remembered directory again, with the same checks and mode as
+// the first time, after something removed it (a keeper repairing its
+// files). FileNotFound while its parent is missing.
+[[nodiscard]] Result<> recreateRuntimeDir();
+
 // "<RuntimeDir>/<id><suffix>"; InvalidSessionId for a malformed id.
 [[nodiscard]] Result<std::string> sessionPath(std::string_view id, std::string_view suffix);
 

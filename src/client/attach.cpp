@@ -146,15 +146,15 @@ class AttachLoop {
         std::size_t offset = 0;
         std::string_view data = buffer_.data();
         while (data.size() - offset >= kFrameHeaderSize) {
-            std::uint32_t length = getU32(data.data() + offset);
-            if (length == 0 || length > kMaxFrameLength)
+            auto whole = frameSizeFromLength(data.data() + offset);
+            if (!whole)
                 return fail(Error::InvalidFrame);
-            std::size_t whole = std::size_t{length} + 4;
-            if (data.size() - offset < whole)
+            if (data.size() - offset < *whole)
                 break;
             auto type = static_cast<FrameType>(static_cast<std::uint8_t>(data[offset + 4]));
-            std::string_view payload = data.substr(offset + kFrameHeaderSize, length - 1);
-            offset += whole;
+            std::string_view payload =
+                data.substr(offset + kFrameHeaderSize, *whole - kFrameHeaderSize);
+            offset += *whole;
             TRY(handleFrame(type, payload));
             if (exitStatus_)
                 return {};

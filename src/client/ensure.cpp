@@ -11,6 +11,7 @@
 #include "client/greeting.hpp"
 #include "client/protocol/frame.hpp"
 #include "client/protocol/portable_takeover.hpp"
+#include "client/protocol/session_address.hpp"
 #include "keeper/launcher.hpp"
 #include "keeper/session_metadata.hpp"
 #include "platform/env.hpp"
@@ -94,7 +95,9 @@ CommandResult runEnsure(Args args) {
     // An unusable detach key is refused before a keeper is started for nothing.
     if (!DetachKey::fromEnvironment())
         return kExitUsage;
-    TRY(runtimeDir());
+    // A missing directory is no error here: its keepers still answer on
+    // their abstract names.
+    TRY(existingRuntimeDir());
 
     if (auto stop = makeLive(id, *options))
         return *stop;

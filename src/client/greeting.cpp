@@ -4,6 +4,7 @@
 #include "cli/log.hpp"
 #include "client/protocol/frame.hpp"
 #include "client/protocol/portable_takeover.hpp"
+#include "client/protocol/session_address.hpp"
 #include "client/terminal_mode.hpp"
 #include "platform/system.hpp"
 

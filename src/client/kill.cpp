@@ -6,6 +6,7 @@
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "client/protocol/frame.hpp"
+#include "client/protocol/session_address.hpp"
 #include "platform/clock.hpp"
 #include "platform/system.hpp"
 
@@ -117,7 +118,9 @@ CommandResult runKill(Args args) {
     if (!request)
         return reportInvalidArguments("kill", request.error());
     // Not "not running": a directory that cannot be used is its own error.
-    TRY(runtimeDir());
+    // A missing directory is no error here: its keepers still answer on
+    // their abstract names.
+    TRY(existingRuntimeDir());
     return stopSession(*request);
 }
 

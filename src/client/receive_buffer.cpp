@@ -9,12 +9,11 @@ namespace tovel {
 
 Result<std::span<char>> ReceiveBuffer::freeSpace() {
     if (used_ == bytes_.size() && used_ >= kFrameHeaderSize) {
-        std::uint32_t length = getU32(bytes_.data());
-        if (length == 0 || length > kMaxFrameLength)
+        auto whole = frameSizeFromLength(bytes_.data());
+        if (!whole)
             return fail(Error::InvalidFrame);
-        std::size_t whole = std::size_t{length} + 4;
-        if (whole > bytes_.size())
-            bytes_.resize(whole);
+        if (*whole > bytes_.size())
+            bytes_.resize(*whole);
     }
     return std::span<char>(bytes_.data() + used_, bytes_.size() - used_);
 }

@@ -24,6 +24,10 @@ constexpr int kFinalFlushTimeoutMs = 2000;
 constexpr std::uint32_t kSignalledStatusBits = 0xFFFFFF80u;
 constexpr std::size_t kWinsizePayloadSize = 4;
 constexpr std::size_t kReplayFramePayload = 65536 - kFrameHeaderSize;
+// Poll entries before the clients: two listeners, the PTY, the signal pipe.
+constexpr std::size_t kFixedPollEntries = 4;
+constexpr std::int64_t kHangupAfterTermMs = 2000;
+constexpr std::int64_t kKillAfterHangupMs = 5000;
 
 struct Winsize {
     std::uint16_t cols;
@@ -39,6 +43,21 @@ Result<Winsize> parseWinsize(std::string_view payload) {
     return size;
 }
 
+// Only the keeper's own user (and root) may use the session: the abstract
+// name has no file permissions to keep anyone else out.
+bool admitPeer(int fd) {
+    auto peer = sys::peerUid(fd);
+    if (!peer) {
+        logWarning(LogScope::Keeper,
+                   "rejecting client; peer credentials unavailable: ", peer.error());
+        return false;
+    }
+    if (*peer == sys::getuid() || *peer == 0)
+        return true;
+    logWarning(LogScope::Keeper, "rejecting client; peer uid=", *peer, " is not the owner");
+    return false;
+}
+
 } // namespace
 
 std::uint32_t encodeExitStatus(int waitStatus) {
@@ -49,17 +68,18 @@ std::uint32_t encodeExitStatus(int waitStatus) {
     return 1;
 }
 
-KeeperLoop::KeeperLoop(UniqueFd listener, ShellProcess shell, sys::SignalPipe signals,
-                       KeeperFiles files, SessionMetadata metadata)
-    : listener_(std::move(listener)), shell_(std::move(shell)), signals_(std::move(signals)),
-      files_(std::move(files)), metadata_(std::move(metadata)),
+KeeperLoop::KeeperLoop(KeeperListeners listeners, ShellProcess shell, sys::SignalPipe signals,
+                       KeeperFiles files, SessionMetadata metadata, SelfHeal selfHeal)
+    : listeners_(std::move(listeners)), selfHeal_(std::move(selfHeal)), shell_(std::move(shell)),
+      signals_(std::move(signals)), files_(std::move(files)), metadata_(std::move(metadata)),
       readBuffer_(std::make_unique_for_overwrite<char[]>(kPtyReadSize)) {}
 
 std::uint32_t KeeperLoop::run() {
     std::vector<pollfd> entries;
     while (!exitStatus_) {
         entries.clear();
-        entries.push_back({listener_.get(), POLLIN, 0});
+        entries.push_back({listeners_.path.get(), POLLIN, 0});
+        entries.push_back({listeners_.abstract.get(), POLLIN, 0});
         short ptyEvents = terminalGone_ ? 0 : POLLIN;
         if (!terminalGone_ && !ptyInput_.empty())
             ptyEvents |= POLLOUT;
@@ -78,19 +98,21 @@ std::uint32_t KeeperLoop::run() {
             continue;
         }
 
-        if (entries[2].revents != 0 || terminationRequested_)
+        if (entries[3].revents != 0 || terminationRequested_)
             handleSignals();
         if (exitStatus_)
             break;
-        if (entries[0].revents & POLLIN)
-            acceptClient();
-        if (entries[1].revents & (POLLIN | POLLHUP | POLLERR))
+        for (std::size_t listener = 0; listener < 2; ++listener) {
+            if (entries[listener].revents & POLLIN)
+                acceptClient(entries[listener].fd);
+        }
+        if (entries[2].revents & (POLLIN | POLLHUP | POLLERR))
             readPty();
 
-        std::size_t polledClients = entries.size() - 3;
+        std::size_t polledClients = entries.size() - kFixedPollEntries;
         for (std::size_t i = 0; i < polledClients && i < clients_.size(); ++i) {
             KeeperClient& client = *clients_[i];
-            short revents = entries[i + 3].revents;
+            short revents = entries[i + kFixedPollEntries].revents;
             if (!client.dropped && (revents & POLLOUT))
                 flushClient(client);
             if (!client.dropped && (revents & (POLLIN | POLLHUP | POLLERR)))
@@ -117,6 +139,9 @@ std::uint32_t KeeperLoop::run() {
             pendingShutdown_.reset();
             terminationRequested_ = true;
         }
+        now = sys::monotonicMs();
+        escalateShutdown(now);
+        repairSessionFiles(now);
     }
     finish();
     return *exitStatus_;
@@ -132,10 +157,13 @@ int KeeperLoop::pollTimeout(std::int64_t now) const {
         if (!smallest || remaining < *smallest)
             smallest = remaining;
     }
+    // The file check is the keeper's one timer when nothing else is due.
+    std::int64_t untilCheck = std::clamp<std::int64_t>(selfHeal_.nextCheckMs() - now, 0, INT_MAX);
+    if (!smallest || untilCheck < *smallest)
+        smallest = untilCheck;
     if (terminationRequested_)
-        return static_cast<int>(
-            std::min<std::int64_t>(smallest.value_or(kTerminationTickMs), kTerminationTickMs));
-    return smallest ? static_cast<int>(*smallest) : -1;
+        return static_cast<int>(std::min<std::int64_t>(*smallest, kTerminationTickMs));
+    return static_cast<int>(*smallest);
 }
 
 void KeeperLoop::handleSignals() {
@@ -156,16 +184,49 @@ void KeeperLoop::reapShell() {
 }
 
 void KeeperLoop::signalShell(ShellSignal kind) {
-    int signal = kind == ShellSignal::Forced ? SIGKILL : SIGTERM;
+    int signal = SIGTERM;
+    std::int64_t now = sys::monotonicMs();
+    switch (kind) {
+    case ShellSignal::Graceful:
+        // A later request does not postpone a hang-up already planned.
+        if (!escalation_)
+            escalation_ = Escalation{now + kHangupAfterTermMs, ShellSignal::Hangup};
+        break;
+    case ShellSignal::Hangup:
+        // Interactive shells ignore SIGTERM but end on a terminal hang-up
+        // and pass it on to their jobs.
+        signal = SIGHUP;
+        escalation_ = Escalation{now + kKillAfterHangupMs, ShellSignal::Forced};
+        break;
+    case ShellSignal::Forced:
+        signal = SIGKILL;
+        escalation_.reset();
+        break;
+    }
     if (auto sent = sys::killProcessGroup(shell_.pid, signal); !sent)
         logWarning(LogScope::Keeper, "failed to signal shell group: ", sent.error());
     if (auto sent = sys::kill(shell_.pid, signal); !sent)
         logWarning(LogScope::Keeper, "failed to signal shell leader: ", sent.error());
 }
 
-void KeeperLoop::acceptClient() {
-    auto accepted = sys::acceptNonBlocking(listener_.get());
+void KeeperLoop::escalateShutdown(std::int64_t now) {
+    if (escalation_ && !exitStatus_ && now >= escalation_->atMs)
+        signalShell(escalation_->next);
+}
+
+void KeeperLoop::repairSessionFiles(std::int64_t now) {
+    auto listener = selfHeal_.checkAndRepair(now);
+    if (!listener)
+        return;
+    listeners_.path = std::move(*listener);
+    rewriteMetadata();
+}
+
+void KeeperLoop::acceptClient(int listener) {
+    auto accepted = sys::acceptNonBlocking(listener);
     if (!accepted)
+        return;
+    if (!admitPeer(accepted->get()))
         return;
     if (!sys::setSendBuffer(accepted->get(), kClientSendBufferSize)) {
         logWarning(LogScope::Keeper,
@@ -274,6 +335,10 @@ void KeeperLoop::readClient(KeeperClient& client, short revents) {
         return;
     if (!got || *got == 0) {
         dropClient(client);
+        // A liveness probe connects and closes without a word: not worth a
+        // log line, however often it comes.
+        if (!client.handshaken)
+            return;
         std::size_t remaining = 0;
         for (const auto& other : clients_)
             remaining += other->dropped ? 0 : 1;
@@ -284,23 +349,19 @@ void KeeperLoop::readClient(KeeperClient& client, short revents) {
     client.inputUsed += *got;
 
     std::size_t offset = 0;
-    while (!client.dropped && client.inputUsed - offset >= kFrameHeaderSize) {
+    // The length field alone decides whether a frame is acceptable.
+    while (!client.dropped && client.inputUsed - offset >= kFrameLengthSize) {
         const char* head = client.input.data() + offset;
-        std::uint32_t length = getU32(head);
-        if (length == 0 || length > kMaxFrameLength) {
+        auto frameSize = frameSizeFromLength(head);
+        if (!frameSize || *frameSize > kClientInputBufferSize) {
             dropClient(client);
             return;
         }
-        if (length > kMaxClientPayload + 1) {
-            dropClient(client);
-            return;
-        }
-        std::size_t frameSize = kFrameHeaderSize + length - 1;
-        if (client.inputUsed - offset < frameSize)
+        if (client.inputUsed - offset < *frameSize)
             break;
-        auto type = static_cast<FrameType>(static_cast<std::uint8_t>(head[4]));
-        std::string_view payload(head + kFrameHeaderSize, length - 1);
-        offset += frameSize;
+        auto type = static_cast<FrameType>(static_cast<std::uint8_t>(head[kFrameLengthSize]));
+        std::string_view payload(head + kFrameHeaderSize, *frameSize - kFrameHeaderSize);
+        offset += *frameSize;
         if (auto handled = handleFrame(client, type, payload); !handled) {
             dropClient(client);
             return;
@@ -481,7 +542,8 @@ void KeeperLoop::finish() {
     }
     clients_.clear();
     shell_.master.reset();
-    listener_.reset();
+    listeners_.path.reset();
+    listeners_.abstract.reset();
     (void)sys::unlink(files_.socketPath);
     (void)sys::unlink(files_.metadataPath);
 }

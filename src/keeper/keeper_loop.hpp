@@ -1,10 +1,13 @@
-// The keeper's single-threaded event loop: one poll over the listening
-// socket, the PTY master, the signal pipe and up to 32 clients, until the
-// shell has exited and every attached client has been told its status.
+// The keeper's single-threaded event loop: one poll over the two listening
+// sockets, the PTY master, the signal pipe and up to 32 clients, until the
+// shell has exited and every attached client has been told its status. Its
+// timers: handshake deadlines, the shutdown escalation and the periodic
+// check of the session's files.
 #pragma once
 
 #include "keeper/keeper_client.hpp"
 #include "keeper/replay_ring.hpp"
+#include "keeper/self_heal.hpp"
 #include "keeper/session_metadata.hpp"
 #include "keeper/shell_start.hpp"
 #include "platform/signal.hpp"
@@ -21,6 +24,13 @@ constexpr std::size_t kMaxClients = 32;
 constexpr std::size_t kPtyReadSize = 65536;
 constexpr std::size_t kPtyInputBound = 1048576;
 
+// The keeper listens at its socket path and at its abstract name; both
+// speak the same protocol.
+struct KeeperListeners {
+    UniqueFd path;
+    UniqueFd abstract;
+};
+
 struct KeeperFiles {
     std::string socketPath;
     std::string metadataPath;
@@ -32,21 +42,29 @@ struct KeeperFiles {
 
 class KeeperLoop {
   public:
-    KeeperLoop(UniqueFd listener, ShellProcess shell, sys::SignalPipe signals, KeeperFiles files,
-               SessionMetadata metadata);
+    KeeperLoop(KeeperListeners listeners, ShellProcess shell, sys::SignalPipe signals,
+               KeeperFiles files, SessionMetadata metadata, SelfHeal selfHeal);
 
     // Runs until the shell has been reaped; returns its encoded status after
     // telling and flushing every client and removing the session's files.
     [[nodiscard]] std::uint32_t run();
 
   private:
-    enum class ShellSignal { Graceful, Forced };
+    // Graceful is SIGTERM; a shell still there 2 s later gets a hang-up,
+    // and 5 s after that SIGKILL.
+    enum class ShellSignal { Graceful, Hangup, Forced };
+    struct Escalation {
+        std::int64_t atMs;
+        ShellSignal next;
+    };
 
     [[nodiscard]] int pollTimeout(std::int64_t now) const;
     void handleSignals();
     void reapShell();
     void signalShell(ShellSignal kind);
-    void acceptClient();
+    void escalateShutdown(std::int64_t now);
+    void acceptClient(int listener);
+    void repairSessionFiles(std::int64_t now);
     void readPty();
     void writePtyInput();
     void readClient(KeeperClient& client, short revents);
@@ -70,7 +88,8 @@ class KeeperLoop {
     void removeDroppedClients();
     void finish();
 
-    UniqueFd listener_;
+    KeeperListeners listeners_;
+    SelfHeal selfHeal_;
     ShellProcess shell_;
     sys::SignalPipe signals_;
     KeeperFiles files_;
@@ -82,6 +101,7 @@ class KeeperLoop {
     bool terminationRequested_ = false;
     bool terminalGone_ = false;
     std::optional<ShellSignal> pendingShutdown_;
+    std::optional<Escalation> escalation_;
     std::optional<std::uint32_t> exitStatus_;
 };
 

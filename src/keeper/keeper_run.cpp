@@ -1,11 +1,14 @@
-// The keeper's start-up, in order: lock, socket, PTY and shell, the
-// listening line, metadata, signals, the ready byte; then the event loop,
-// and after a normal end the removal of the session's remaining files.
+// The keeper's start-up, in order: abstract name, lock, socket, PTY and
+// shell, the listening line, metadata, signals, the ready byte; then the
+// event loop, and after a normal end the removal of the session's remaining
+// files.
 #include "keeper/keeper_run.hpp"
 
 #include "cli/log.hpp"
 #include "cli/runtime_dir.hpp"
+#include "client/protocol/session_address.hpp"
 #include "keeper/keeper_loop.hpp"
+#include "keeper/self_heal.hpp"
 #include "keeper/session_lock.hpp"
 #include "platform/clock.hpp"
 #include "platform/memory.hpp"
@@ -21,7 +24,6 @@ namespace tovel {
 namespace {
 
 constexpr int kListenBacklog = 8;
-constexpr mode_t kSocketMode = 0600;
 constexpr char kReadyByte = 'R';
 constexpr char kFailedByte = 'F';
 
@@ -49,11 +51,18 @@ class ListeningSocket {
 Result<ListeningSocket> listenOnSessionSocket(const std::string& path) {
     // The session's lock is held, so a socket file left here belongs to a
     // keeper that died without cleaning up.
-    (void)sys::unlink(path);
-    UniqueFd fd = TRY(sys::listenUnix(path, kListenBacklog));
-    ListeningSocket socket(std::move(fd), path);
-    TRY(sys::chmod(path, kSocketMode));
-    return socket;
+    UniqueFd fd = TRY(bindSessionSocket(path));
+    return ListeningSocket(std::move(fd), path);
+}
+
+// The name no file clean-up can remove; holding it makes this keeper the
+// one keeper of the id, whatever happened to the runtime directory.
+Result<UniqueFd> listenOnAbstractName(std::string_view id) {
+    std::string directory = TRY(runtimeDir());
+    auto fd = sys::listenAbstract(abstractSessionName(directory, id), kListenBacklog);
+    if (!fd)
+        return fail(fd.error() == Error::AddressInUse ? Error::SessionAlreadyRunning : fd.error());
+    return std::move(*fd);
 }
 
 Result<std::string> recordedDirectory(std::string_view cwd) {
@@ -69,12 +78,8 @@ void killShell(pid_t pid) {
     (void)sys::waitpid(pid, sys::WaitMode::Block);
 }
 
-struct StartedKeeper {
-    UniqueFd lock;
-    std::unique_ptr<KeeperLoop> loop;
-};
-
-Result<StartedKeeper> startUp(std::string_view id, const SpawnOptions& options) {
+Result<std::unique_ptr<KeeperLoop>> startUp(std::string_view id, const SpawnOptions& options) {
+    UniqueFd abstract = TRY(listenOnAbstractName(id));
     auto lock = acquireSessionLock(id);
     if (!lock)
         return fail(lock.error() == Error::WouldBlock ? Error::SessionAlreadyRunning
@@ -117,10 +122,10 @@ Result<StartedKeeper> startUp(std::string_view id, const SpawnOptions& options) 
         return fail(!written ? written.error() : routed.error());
     }
 
-    auto loop =
-        std::make_unique<KeeperLoop>(listener.release(), std::move(shell), std::move(*signals),
-                                     KeeperFiles{socketPath, metadataPath}, metadata);
-    return StartedKeeper{std::move(*lock), std::move(loop)};
+    SelfHeal selfHeal(std::string(id), socketPath, std::move(*lock), sys::monotonicMs());
+    return std::make_unique<KeeperLoop>(
+        KeeperListeners{listener.release(), std::move(abstract)}, std::move(shell),
+        std::move(*signals), KeeperFiles{socketPath, metadataPath}, metadata, std::move(selfHeal));
 }
 
 // After a normal end nothing of the session is worth keeping (the loop has
@@ -146,7 +151,8 @@ Result<int> runKeeper(std::string_view id, const SpawnOptions& options, int read
         return fail(started.error());
     }
     reportReadiness(readyFd, kReadyByte);
-    std::uint32_t status = started->loop->run();
+    // The loop (and with it the lock) lives until the files are gone.
+    std::uint32_t status = (*started)->run();
     removeEndedSessionFiles(id);
     return static_cast<int>(status & 0xFF);
 }

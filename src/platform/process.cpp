@@ -46,6 +46,10 @@ pid_t getpid() {
     return ::getpid();
 }
 
+uid_t getuid() {
+    return ::getuid();
+}
+
 Result<> kill(pid_t pid, int signal) {
     if (::kill(pid, signal) != 0)
         return fail(errorFromErrno(errno));

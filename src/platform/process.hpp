@@ -23,6 +23,8 @@ namespace tovel::sys {
 [[nodiscard]] Result<pid_t> setsid();
 [[nodiscard]] Result<> setpgid(pid_t pid, pid_t group);
 [[nodiscard]] pid_t getpid();
+// The real user id.
+[[nodiscard]] uid_t getuid();
 
 [[nodiscard]] Result<> kill(pid_t pid, int signal);
 // Signals every process of the group `group` (kill with -group).

@@ -2,6 +2,7 @@
 #include "platform/socket.hpp"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -37,6 +38,23 @@ Result<sockaddr_un> unixAddress(std::string_view path) {
     return address;
 }
 
+// An abstract address: sun_path starts with a NUL byte and the length
+// passed to the kernel ends right after the name.
+struct AbstractAddress {
+    sockaddr_un address{};
+    socklen_t length = 0;
+};
+
+Result<AbstractAddress> abstractAddress(std::string_view name) {
+    AbstractAddress out;
+    if (name.size() + 1 > sizeof out.address.sun_path)
+        return fail(Error::PathTooLong);
+    out.address.sun_family = AF_UNIX;
+    std::memcpy(out.address.sun_path + 1, name.data(), name.size());
+    out.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    return out;
+}
+
 Result<UniqueFd> unixSocket() {
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
@@ -44,27 +62,45 @@ Result<UniqueFd> unixSocket() {
     return UniqueFd(fd);
 }
 
-} // namespace
-
-Result<UniqueFd> connectUnix(std::string_view path) {
-    sockaddr_un address = TRY(unixAddress(path));
+Result<UniqueFd> connectTo(const sockaddr_un& address, socklen_t length) {
     UniqueFd fd = TRY(unixSocket());
     for (;;) {
-        if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
+        if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0)
             return fd;
         if (errno != EINTR)
             return fail(errorFromErrno(errno));
     }
 }
 
-Result<UniqueFd> listenUnix(std::string_view path, int backlog) {
-    sockaddr_un address = TRY(unixAddress(path));
+Result<UniqueFd> listenAt(const sockaddr_un& address, socklen_t length, int backlog) {
     UniqueFd fd = TRY(unixSocket());
-    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0)
         return fail(errorFromErrno(errno));
     if (::listen(fd.get(), backlog) != 0)
         return fail(errorFromErrno(errno));
     return fd;
+}
+
+} // namespace
+
+Result<UniqueFd> connectUnix(std::string_view path) {
+    sockaddr_un address = TRY(unixAddress(path));
+    return connectTo(address, sizeof address);
+}
+
+Result<UniqueFd> listenUnix(std::string_view path, int backlog) {
+    sockaddr_un address = TRY(unixAddress(path));
+    return listenAt(address, sizeof address, backlog);
+}
+
+Result<UniqueFd> connectAbstract(std::string_view name) {
+    AbstractAddress abstract = TRY(abstractAddress(name));
+    return connectTo(abstract.address, abstract.length);
+}
+
+Result<UniqueFd> listenAbstract(std::string_view name, int backlog) {
+    AbstractAddress abstract = TRY(abstractAddress(name));
+    return listenAt(abstract.address, abstract.length, backlog);
 }
 
 Result<UniqueFd> acceptNonBlocking(int listenFd) {
@@ -81,6 +117,14 @@ Result<> setSendBuffer(int fd, int bytes) {
     if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) != 0)
         return fail(errorFromErrno(errno));
     return {};
+}
+
+Result<uid_t> peerUid(int fd) {
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0)
+        return fail(errorFromErrno(errno));
+    return credentials.uid;
 }
 
 } // namespace tovel::sys

@@ -5,6 +5,7 @@
 #include "platform/unique_fd.hpp"
 
 #include <string_view>
+#include <sys/types.h>
 
 namespace tovel::sys {
 
@@ -15,9 +16,19 @@ namespace tovel::sys {
 // A close-on-exec AF_UNIX stream socket bound to `path` and listening.
 [[nodiscard]] Result<UniqueFd> listenUnix(std::string_view path, int backlog);
 
+// The same in the Linux abstract namespace: `name` is given without its
+// leading NUL byte, and the address covers exactly the name's bytes, so no
+// file is involved. AddressInUse when another socket holds the name.
+[[nodiscard]] Result<UniqueFd> connectAbstract(std::string_view name);
+[[nodiscard]] Result<UniqueFd> listenAbstract(std::string_view name, int backlog);
+
 // accept4 with close-on-exec and non-blocking set on the new socket.
 [[nodiscard]] Result<UniqueFd> acceptNonBlocking(int listenFd);
 
 [[nodiscard]] Result<> setSendBuffer(int fd, int bytes);
+
+// The user id of the process at the other end of a connected Unix socket,
+// as the kernel recorded it at connect time (SO_PEERCRED).
+[[nodiscard]] Result<uid_t> peerUid(int fd);
 
 } // namespace tovel::sys

@@ -14,6 +14,7 @@
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "client/protocol/frame.hpp"
+#include "client/protocol/session_address.hpp"
 #include "platform/decimal.hpp"
 #include "platform/env.hpp"
 #include "platform/system.hpp"

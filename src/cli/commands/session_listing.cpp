@@ -1,12 +1,16 @@
-// Enumerating live sessions and describing them as JSON.
+// Enumerating live sessions (by their socket files and by the abstract names
+// their keepers hold) and describing them as JSON.
 #include "cli/commands/session_listing.hpp"
 
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
-#include "client/protocol/frame.hpp"
+#include "client/protocol/session_address.hpp"
 #include "keeper/session_lock.hpp"
 #include "platform/directory.hpp"
 #include "platform/system.hpp"
+#include "platform/unix_socket_table.hpp"
+
+#include <algorithm>
 
 namespace tovel {
 
@@ -14,8 +18,8 @@ namespace {
 
 constexpr std::string_view kSocketSuffix = ".sock";
 
-bool socketAnswers(const std::string& path) {
-    return connectSocketPath(path).has_value();
+bool sessionAnswers(const std::string& directory, std::string_view id) {
+    return connectSessionIn(directory, id).has_value();
 }
 
 // A socket that refuses may belong to a keeper that is still starting (its
@@ -24,10 +28,10 @@ bool socketAnswers(const std::string& path) {
 bool isLive(const std::string& directory, std::string_view id) {
     std::string base = joinPath(directory, id);
     std::string socketPath = base + ".sock";
-    if (socketAnswers(socketPath))
+    if (sessionAnswers(directory, id))
         return true;
     auto lock = probeLockFile(base + ".lock");
-    if (socketAnswers(socketPath))
+    if (sessionAnswers(directory, id))
         return true;
     if (lock && *lock == LockState::Free) {
         (void)sys::unlink(socketPath);
@@ -45,35 +49,63 @@ std::optional<std::string> sessionIdOf(std::string_view name) {
     return std::string(name);
 }
 
+// Session ids whose keeper holds its abstract name, in the kernel's order:
+// they are live even when the directory lost their files.
+std::vector<std::string> abstractSessionIds(const std::string& directory) {
+    std::string prefix = abstractNamePrefix(directory);
+    auto names = sys::listeningAbstractNames(prefix);
+    std::vector<std::string> ids;
+    for (const std::string& name : names.value_or(std::vector<std::string>())) {
+        std::string_view id = std::string_view(name).substr(prefix.size());
+        if (isValidSessionId(id))
+            ids.emplace_back(id);
+    }
+    return ids;
+}
+
+SessionEntry describeSession(const std::string& directory, std::string id) {
+    SessionEntry entry;
+    entry.id = std::move(id);
+    // A keeper that cannot rewrite its metadata file yet is listed with
+    // metadata_ok false.
+    auto bytes = readMetadataBytes(joinPath(directory, entry.id) + ".meta");
+    if (bytes) {
+        entry.metadataBytes = std::move(*bytes);
+        entry.record = parseSessionMetadata(entry.metadataBytes);
+    }
+    return entry;
+}
+
 } // namespace
 
 Result<std::vector<SessionEntry>> enumerateLiveSessions() {
     std::vector<SessionEntry> sessions;
-    auto directory = TRY(existingRuntimeDir());
-    if (!directory)
-        return sessions;
-    auto reader = sys::DirectoryReader::open(*directory);
-    if (!reader)
-        return sessions;
+    // A removed directory still leaves the keepers' abstract names to find.
+    auto existing = TRY(existingRuntimeDir());
+    std::string directory = existing ? std::move(*existing) : TRY(chooseRuntimeDir());
     std::vector<std::string> candidates;
-    for (;;) {
-        auto entry = reader->next();
-        if (!entry || !*entry)
-            break;
-        if (auto id = sessionIdOf((*entry)->name))
-            candidates.push_back(std::move(*id));
+    if (auto reader =
+            existing ? sys::DirectoryReader::open(directory) : fail(Error::FileNotFound)) {
+        for (;;) {
+            auto entry = reader->next();
+            if (!entry || !*entry)
+                break;
+            if (auto id = sessionIdOf((*entry)->name))
+                candidates.push_back(std::move(*id));
+        }
+    }
+    std::vector<std::string> abstractOnly;
+    for (auto& id : abstractSessionIds(directory)) {
+        if (std::find(candidates.begin(), candidates.end(), id) == candidates.end())
+            abstractOnly.push_back(std::move(id));
     }
     for (auto& id : candidates) {
-        if (!isLive(*directory, id))
-            continue;
-        SessionEntry entry;
-        entry.id = std::move(id);
-        auto bytes = readMetadataBytes(joinPath(*directory, entry.id) + ".meta");
-        if (bytes) {
-            entry.metadataBytes = std::move(*bytes);
-            entry.record = parseSessionMetadata(entry.metadataBytes);
-        }
-        sessions.push_back(std::move(entry));
+        if (isLive(directory, id))
+            sessions.push_back(describeSession(directory, std::move(id)));
+    }
+    for (auto& id : abstractOnly) {
+        if (sessionAnswers(directory, id))
+            sessions.push_back(describeSession(directory, std::move(id)));
     }
     return sessions;
 }

@@ -1,6 +1,6 @@
 // The live sessions of the runtime directory, as list and inspect show them:
-// enumeration by socket liveness, each session's metadata, and the session
-// JSON object.
+// enumeration by socket liveness at either address, each session's
+// metadata, and the session JSON object.
 #pragma once
 
 #include "cli/json_writer.hpp"

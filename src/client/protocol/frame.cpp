@@ -1,7 +1,6 @@
 // Frame encoding and the blocking frame helpers.
 #include "client/protocol/frame.hpp"
 
-#include "cli/runtime_dir.hpp"
 #include "platform/socket.hpp"
 #include "platform/system.hpp"
 
@@ -68,9 +67,11 @@ Result<UniqueFd> connectSocketPath(std::string_view path) {
     return sys::connectUnix(path);
 }
 
-Result<UniqueFd> connect_session(std::string_view id) {
-    std::string path = TRY(sessionPath(id, ".sock"));
-    return connectSocketPath(path);
+Result<std::size_t> frameSizeFromLength(const char* head) {
+    std::uint32_t length = getU32(head);
+    if (length == 0 || length > kMaxFrameLength)
+        return fail(Error::InvalidFrameLength);
+    return std::size_t{length} + kFrameLengthSize;
 }
 
 Result<> wait_fd(int fd, short events) {
@@ -141,13 +142,11 @@ Result<std::optional<Frame>> read_frame(int fd) {
         return std::optional<Frame>();
     if (got < kFrameHeaderSize)
         return fail(Error::UnexpectedEof);
-    std::uint32_t length = getU32(header);
-    if (length == 0 || length > kMaxFrameLength)
-        return fail(Error::InvalidFrameLength);
+    std::size_t frameSize = TRY(frameSizeFromLength(header));
     Frame frame;
     frame.type = static_cast<std::uint8_t>(header[4]);
-    if (length > 1) {
-        frame.payload.resize(length - 1);
+    if (frameSize > kFrameHeaderSize) {
+        frame.payload.resize(frameSize - kFrameHeaderSize);
         std::size_t read = TRY(readCompletely(fd, frame.payload));
         if (read < frame.payload.size())
             return fail(Error::UnexpectedEof);

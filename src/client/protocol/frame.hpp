@@ -16,6 +16,7 @@ namespace tovel {
 
 constexpr std::uint8_t kProtocolVersion = 1;
 constexpr std::size_t kFrameHeaderSize = 5;
+constexpr std::size_t kFrameLengthSize = 4;
 // Largest length field: payloads are at most 0x3FFFFF bytes.
 constexpr std::uint32_t kMaxFrameLength = 0x400000;
 // The keeper reads at most this many payload bytes in one client frame.
@@ -64,8 +65,11 @@ void encodeFrameHeader(char* out, FrameType type, std::size_t payloadLength);
 // Connects to the socket at `path` (close-on-exec). PathTooLong for a path
 // of 108 bytes or more; connect failures by their errno name.
 [[nodiscard]] Result<UniqueFd> connectSocketPath(std::string_view path);
-// Connects to the session's socket in the runtime directory.
-[[nodiscard]] Result<UniqueFd> connect_session(std::string_view id);
+
+// Judges a frame's 4-byte length field at `head`: the whole frame's size in
+// bytes (header and payload), or InvalidFrameLength for a length of 0 or
+// above kMaxFrameLength. The four bytes alone decide it.
+[[nodiscard]] Result<std::size_t> frameSizeFromLength(const char* head);
 
 // Polls one descriptor without timeout until one of `events` is reported.
 // POLLERR, POLLHUP or POLLNVAL give BrokenPipe.
