@@ -1,12 +1,12 @@
-// Spawn options (terminal size, command, working directory) and the
-// portable metadata that ties a session to a workspace replica and a lease.
-// One parser for the command line and one validator shared by every reader.
+// Spawn options (terminal size, command, working directory, portable
+// metadata). One parser for the command line and one validator of the
+// portable metadata shared by every reader.
 #pragma once
 
+#include "cli/portable_metadata.hpp"
 #include "platform/result.hpp"
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,25 +15,6 @@ namespace tovel {
 
 constexpr std::uint16_t kDefaultCols = 80;
 constexpr std::uint16_t kDefaultRows = 24;
-constexpr std::size_t kUuidTextLength = 36;
-constexpr std::size_t kMaxNameTextLength = 128;
-
-// Every field absent (empty) means no portable metadata at all. An empty
-// string counts as absent everywhere.
-struct PortableMetadata {
-    std::string workspaceId;
-    std::string replicaId;
-    std::optional<std::uint64_t> leaseGeneration;
-    std::string migrationId;
-    std::string agentKind;
-    std::string adapterId;
-
-    [[nodiscard]] bool empty() const {
-        return workspaceId.empty() && replicaId.empty() && !leaseGeneration &&
-               migrationId.empty() && agentKind.empty() && adapterId.empty();
-    }
-    bool operator==(const PortableMetadata&) const = default;
-};
 
 struct SpawnOptions {
     std::uint16_t cols = kDefaultCols;

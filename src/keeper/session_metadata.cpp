@@ -4,6 +4,7 @@
 
 #include "cli/number.hpp"
 #include "cli/session_id.hpp"
+#include "cli/spawn_options.hpp"
 #include "platform/system.hpp"
 
 #include <charconv>

@@ -2,7 +2,7 @@
 // by the keeper, read back by list, inspect and ensure.
 #pragma once
 
-#include "cli/spawn_options.hpp"
+#include "cli/portable_metadata.hpp"
 #include "platform/result.hpp"
 
 #include <cstdint>

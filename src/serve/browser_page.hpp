@@ -5,6 +5,7 @@
 
 #include "platform/directory.hpp"
 #include "platform/result.hpp"
+#include "serve/html_text.hpp"
 
 #include <optional>
 #include <string_view>
@@ -18,8 +19,6 @@ class BodyWriter {
     virtual ~BodyWriter() = default;
     [[nodiscard]] virtual Result<> write(std::string_view bytes) = 0;
 };
-
-enum class HiddenFiles { Hidden, Shown };
 
 struct BrowserPageRequest {
     std::string_view rootRealPath;      // the served root, resolved

@@ -1,8 +1,6 @@
 // Text encoders of the file-browser pages.
 #include "serve/html_text.hpp"
 
-#include "serve/browser_page.hpp"
-
 namespace tovel::serve {
 
 void appendHtmlEscaped(std::string& out, std::string_view text) {

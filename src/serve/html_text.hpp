@@ -7,7 +7,8 @@
 
 namespace tovel::serve {
 
-enum class HiddenFiles;
+// Whether a listing shows dot files; its links carry the choice along.
+enum class HiddenFiles { Hidden, Shown };
 
 // & < > " ' become entities; every other byte passes unchanged.
 void appendHtmlEscaped(std::string& out, std::string_view text);

@@ -12,6 +12,7 @@
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "cli/spawn_options.hpp"
+#include "cli/version.hpp"
 #include "client/attach.hpp"
 #include "client/connect.hpp"
 #include "client/ensure.hpp"
@@ -30,8 +31,6 @@
 namespace tovel {
 
 namespace {
-
-constexpr std::string_view kVersionLine = "tovel-ptyd v0.2.8\n";
 
 // Options whose next argument is a value, as far as the pre-scan knows.
 constexpr std::array<std::string_view, 11> kValueOptions{
@@ -145,7 +144,10 @@ struct Command {
 };
 
 CommandResult printVersion(Args) {
-    printStdout(kVersionLine);
+    std::string line = "tovel-ptyd v";
+    line.append(kVersion);
+    line.push_back('\n');
+    printStdout(line);
     return kExitSuccess;
 }
 

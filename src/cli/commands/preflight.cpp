@@ -5,6 +5,7 @@
 
 #include "cli/commands/session_listing.hpp"
 #include "cli/log.hpp"
+#include "cli/version.hpp"
 #include "keeper/shell_plan.hpp"
 #include "platform/clock.hpp"
 #include "platform/env.hpp"
@@ -148,7 +149,7 @@ void writeHead(JsonWriter& json, bool reattach) {
     json.key("protocol_version");
     json.number(1);
     json.key("helper_version");
-    json.string("0.2.8");
+    json.string(kVersion);
     json.key("capabilities");
     json.beginArray();
     json.string("interactive_login_shell");

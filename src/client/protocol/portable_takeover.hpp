@@ -3,7 +3,7 @@
 // takeover request) use to decide whether a request may attach.
 #pragma once
 
-#include "cli/spawn_options.hpp"
+#include "cli/portable_metadata.hpp"
 #include "platform/result.hpp"
 
 #include <cstdint>

@@ -1,0 +1,36 @@
+// The JSON writer's strings: for any bytes, the writer's text must be one
+// JSON string with only well-formed escapes that decodes back to them.
+#include "cli/json_writer.hpp"
+#include "platform/decimal.hpp"
+
+#include <cstdlib>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::string_view input(reinterpret_cast<const char*>(data), size);
+    tovel::JsonWriter json;
+    json.string(input);
+    std::string_view text = json.text();
+    if (text.size() < 2 || text.front() != '"' || text.back() != '"')
+        std::abort();
+    constexpr std::string_view kLetters = "\"\\/bfnrt", kBytes = "\"\\/\b\f\n\r\t";
+    std::string decoded;
+    for (std::size_t at = 1; at + 1 < text.size();) {
+        char c = text[at++];
+        std::size_t letter =
+            c == '\\' && at + 1 < text.size() ? kLetters.find(text[at]) : std::string_view::npos;
+        // Of the \u escapes only \u00XX: the writer needs no others.
+        int high =
+            c == '\\' && text.substr(at, 3) == "u00" ? tovel::hexDigitValue(text[at + 3]) : -1;
+        int low = high >= 0 && at + 5 < text.size() ? tovel::hexDigitValue(text[at + 4]) : -1;
+        bool plain = c != '\\' && c != '"' && static_cast<unsigned char>(c) >= 0x20;
+        if (!plain && letter == std::string_view::npos && low < 0)
+            std::abort();
+        decoded.push_back(plain                              ? c
+                          : letter != std::string_view::npos ? kBytes[letter]
+                                                             : static_cast<char>(high * 16 + low));
+        at += plain ? 0 : letter != std::string_view::npos ? 1 : 5;
+    }
+    if (decoded != input)
+        std::abort();
+    return 0;
+}
