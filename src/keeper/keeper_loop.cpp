@@ -3,6 +3,7 @@
 
 #include "cli/log.hpp"
 #include "client/protocol/portable_takeover.hpp"
+#include "keeper/output_flow.hpp"
 #include "platform/clock.hpp"
 #include "platform/process.hpp"
 #include "platform/pty.hpp"
@@ -39,6 +40,12 @@ Result<Winsize> parseWinsize(std::string_view payload) {
     return size;
 }
 
+void requestRepaint(int master) {
+    auto group = sys::foregroundProcessGroup(master);
+    if (group)
+        (void)sys::killProcessGroup(*group, SIGWINCH);
+}
+
 } // namespace
 
 std::uint32_t encodeExitStatus(int waitStatus) {
@@ -58,9 +65,11 @@ KeeperLoop::KeeperLoop(UniqueFd listener, ShellProcess shell, sys::SignalPipe si
 std::uint32_t KeeperLoop::run() {
     std::vector<pollfd> entries;
     while (!exitStatus_) {
+        std::int64_t now = sys::monotonicMs();
+        OutputFlow flow = outputFlow(clients_, now);
         entries.clear();
         entries.push_back({listener_.get(), POLLIN, 0});
-        short ptyEvents = terminalGone_ ? 0 : POLLIN;
+        short ptyEvents = terminalGone_ || !flow.readShell ? 0 : POLLIN;
         if (!terminalGone_ && !ptyInput_.empty())
             ptyEvents |= POLLOUT;
         entries.push_back({terminalGone_ ? -1 : shell_.master.get(), ptyEvents, 0});
@@ -72,7 +81,7 @@ std::uint32_t KeeperLoop::run() {
             entries.push_back({client->fd.get(), events, 0});
         }
 
-        auto ready = sys::poll(entries, pollTimeout(sys::monotonicMs()));
+        auto ready = sys::poll(entries, earlierTimeout(pollTimeout(now), flow.timeoutMs));
         if (!ready) {
             logError(LogScope::Keeper, "poll failed: ", ready.error());
             continue;
@@ -97,7 +106,7 @@ std::uint32_t KeeperLoop::run() {
                 readClient(client, revents);
         }
 
-        std::int64_t now = sys::monotonicMs();
+        now = sys::monotonicMs();
         for (auto& client : clients_) {
             if (!client->dropped && !client->handshaken &&
                 now - client->acceptedAtMs >= kHandshakeDeadlineMs) {
@@ -210,6 +219,8 @@ void KeeperLoop::sendOutput(KeeperClient& client, std::string_view payload) {
         (void)queueFrame(client, FrameType::Output, payload);
         return;
     }
+    // Caught up until now: whatever stays queued starts its wait here.
+    client.progressAtMs = sys::monotonicMs();
     char header[kFrameHeaderSize];
     encodeFrameHeader(header, FrameType::Output, payload.size());
     std::string_view pieces[] = {std::string_view(header, sizeof header), payload};
@@ -239,6 +250,8 @@ void KeeperLoop::sendOutput(KeeperClient& client, std::string_view payload) {
 }
 
 Result<> KeeperLoop::queueFrame(KeeperClient& client, FrameType type, std::string_view payload) {
+    if (client.output.empty())
+        client.progressAtMs = sys::monotonicMs();
     char header[kFrameHeaderSize];
     encodeFrameHeader(header, type, payload.size());
     auto queued = client.output.append(std::string_view(header, sizeof header), payload,
@@ -263,6 +276,7 @@ void KeeperLoop::flushClient(KeeperClient& client) {
             return;
         }
         client.output.consume(*written);
+        client.progressAtMs = sys::monotonicMs();
     }
 }
 
@@ -368,8 +382,10 @@ Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload
         return {};
     }
     TRY(queueFrame(client, FrameType::ReplayStart, {}));
-    auto [older, newer] = ring_.pieces();
-    for (std::string_view piece : {older, newer}) {
+    ReplayRing::Replay replay = ring_.replay();
+    if (!replay.preamble.empty())
+        TRY(queueFrame(client, FrameType::Output, replay.preamble.view()));
+    for (std::string_view piece : {replay.older, replay.newer}) {
         // Whole replay frames fit the attach client's 64 KiB receive
         // buffer, so a replay never makes the client grow it.
         while (!piece.empty()) {
@@ -379,6 +395,10 @@ Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload
         }
     }
     TRY(queueFrame(client, FrameType::ReplayEnd, {}));
+    // A full-screen program redraws on a size change; the new client's
+    // screen is only whole after such a redraw.
+    if (ring_.newestState().alternateScreen() && !terminalGone_)
+        requestRepaint(shell_.master.get());
     client.attached = true;
     logInfo(LogScope::Keeper, "client attached fd=", client.fd.get());
     metadata_.lastAttachedAt = sys::realtimeSeconds();

@@ -8,7 +8,22 @@ namespace tovel {
 // Left uninitialised on purpose: untouched pages cost an idle keeper nothing.
 ReplayRing::ReplayRing() : bytes_(std::make_unique_for_overwrite<char[]>(kCapacity)) {}
 
+void ReplayRing::evict(std::size_t incoming, std::string_view bytes) {
+    std::size_t held = size();
+    if (held + incoming <= kCapacity)
+        return;
+    std::size_t overflow = held + incoming - kCapacity;
+    auto [older, newer] = pieces();
+    for (std::string_view piece : {older, newer, bytes}) {
+        std::string_view gone = piece.substr(0, overflow);
+        oldest_.feed(gone);
+        overflow -= gone.size();
+    }
+}
+
 void ReplayRing::append(std::string_view bytes) {
+    evict(bytes.size(), bytes);
+    newest_.feed(bytes);
     if (bytes.size() >= kCapacity) {
         // Only the newest kCapacity bytes survive; lay them out from zero.
         std::memcpy(bytes_.get(), bytes.data() + bytes.size() - kCapacity, kCapacity);
@@ -34,6 +49,15 @@ std::pair<std::string_view, std::string_view> ReplayRing::pieces() const {
         return {std::string_view(bytes_.get(), position_), {}};
     return {std::string_view(bytes_.get() + position_, kCapacity - position_),
             std::string_view(bytes_.get(), position_)};
+}
+
+ReplayRing::Replay ReplayRing::replay() const {
+    auto [older, newer] = pieces();
+    TerminalState start = oldest_;
+    older.remove_prefix(start.feedToBoundary(older));
+    if (older.empty())
+        newer.remove_prefix(start.feedToBoundary(newer));
+    return {start.preamble(), older, newer};
 }
 
 } // namespace tovel

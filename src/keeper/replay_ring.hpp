@@ -1,6 +1,9 @@
 // The replay ring: the last 1 MiB of the shell's output, replayed to every
-// client that attaches. Allocated once; the oldest bytes are overwritten.
+// client that attaches, with the terminal state in force at its oldest byte
+// and after its newest. Allocated once; the oldest bytes are overwritten.
 #pragma once
+
+#include "client/protocol/terminal_state.hpp"
 
 #include <cstddef>
 #include <memory>
@@ -14,17 +17,35 @@ class ReplayRing {
   public:
     static constexpr std::size_t kCapacity = 1048576;
 
+    // What a new client is sent: the sequences that restore the state the
+    // ring's bytes were written in, then the ring from its first byte
+    // outside an escape sequence or UTF-8 character, as at most two pieces.
+    struct Replay {
+        SequenceText preamble;
+        std::string_view older;
+        std::string_view newer;
+    };
+
     ReplayRing();
 
     void append(std::string_view bytes);
-    // The content, oldest first, as at most two pieces.
-    [[nodiscard]] std::pair<std::string_view, std::string_view> pieces() const;
+    [[nodiscard]] Replay replay() const;
+    // The state after everything the shell has written.
+    [[nodiscard]] const TerminalState& newestState() const { return newest_; }
     [[nodiscard]] std::size_t size() const { return wrapped_ ? kCapacity : position_; }
 
+    // The content, oldest first, as at most two pieces.
+    [[nodiscard]] std::pair<std::string_view, std::string_view> pieces() const;
+
   private:
+    // Runs the bytes about to be overwritten through the oldest state.
+    void evict(std::size_t incoming, std::string_view bytes);
+
     std::unique_ptr<char[]> bytes_;
     std::size_t position_ = 0;
     bool wrapped_ = false;
+    TerminalState oldest_;
+    TerminalState newest_;
 };
 
 } // namespace tovel
