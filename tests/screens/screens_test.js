@@ -1,11 +1,10 @@
 // Screens judged by a real terminal emulator (xterm.js, headless): a
 // reattached full-screen program looks as it did, slow clients see every
 // byte, stalled ones are cut off, and the local terminal is given back.
-// Usage: node screens_test.js <tovel-ptyd> <@xterm/headless dir>
-// The same file is the full-screen program the sessions run:
-//   node screens_test.js program <csi|utf8|hold>
+// Usage: node screens_test.js <tovel-ptyd> <@xterm/headless dir>; with
+// "program <csi|utf8|hold>" it is the full-screen program the sessions run.
 'use strict';
-const net = require('net'), fs = require('fs'), os = require('os'), path = require('path');
+const net = require('net'), fs = require('fs'), path = require('path');
 const { spawn, spawnSync } = require('child_process');
 
 if (process.argv[2] === 'program') return fullScreenProgram(process.argv[3]);
@@ -52,9 +51,7 @@ function fullScreenProgram(variant) {
 
 const [binary, xtermDir] = process.argv.slice(2);
 let Terminal;
-try {
-  ({ Terminal } = require(xtermDir));
-} catch (e) {
+try { ({ Terminal } = require(xtermDir)); } catch (e) {
   console.error(`@xterm/headless is missing at ${xtermDir} (npm install at configure time failed?)`);
   process.exit(1);
 }
@@ -64,12 +61,10 @@ const sessions = [];
 let failures = 0;
 const check = (ok, what) => { if (!ok) { failures++; console.error('FAILED: ' + what); } };
 
-function newSession(cmd, cols = 80, rows = 24) {
-  const made = spawnSync(binary, ['new', '--cmd', cmd, '--cols', `${cols}`, '--rows', `${rows}`], { env });
-  const id = made.stdout.toString().slice(0, 32);
+function newSession(cmd) {
+  const made = spawnSync(binary, ['new', '--cmd', cmd], { env });
   if (made.status !== 0) throw new Error('new failed: ' + made.stderr);
-  sessions.push(id);
-  return id;
+  return sessions[sessions.push(made.stdout.toString().slice(0, 32)) - 1];
 }
 const programCmd = (variant) => `exec ${process.execPath} ${__filename} program ${variant}`;
 
@@ -84,18 +79,10 @@ function waitFor(condition, what, ms = 120000) {
 
 // A client speaking the wire protocol; `rate` caps its reading in bytes/s.
 function attach(id, cols, rows, rate = 0) {
-  const frame = (type, payload) => {
-    const head = Buffer.alloc(5);
-    head.writeUInt32BE(payload.length + 1);
-    head[4] = type;
-    return Buffer.concat([head, payload]);
-  };
+  const frame = (type, payload) => Buffer.concat([Buffer.from([0, 0, 0, payload.length + 1, type]), payload]);
   const client = { chunks: [], bytes: 0, replays: 0, replayEndAt: -1, closed: false, tail: '' };
   const sock = client.sock = net.connect(path.join(dir, id + '.sock'));
-  const size = Buffer.alloc(4);
-  size.writeUInt16BE(cols);
-  size.writeUInt16BE(rows, 2);
-  sock.write(Buffer.concat([frame(8, Buffer.from([1])), frame(1, size)]));
+  sock.write(Buffer.concat([frame(8, Buffer.from([1])), frame(1, Buffer.from([0, cols, 0, rows]))]));
   client.input = (text) => sock.write(frame(2, Buffer.from(text)));
   const started = Date.now();
   let pending = Buffer.alloc(0);
@@ -118,8 +105,7 @@ function attach(id, cols, rows, rate = 0) {
       setTimeout(() => sock.resume(), ahead);
     }
   });
-  sock.on('close', () => { client.closed = true; });
-  sock.on('error', () => {});
+  sock.on('close', () => { client.closed = true; }).on('error', () => {});
   return client;
 }
 function bytesOf(client, from = 0, to = client.bytes) {
@@ -131,7 +117,6 @@ function emulator(cols, rows, bytes) {
   const term = new Terminal({ cols, rows, allowProposedApi: true });
   return new Promise((resolve) => term.write(bytes, () => resolve(term)));
 }
-const feed = (term, bytes) => new Promise((resolve) => term.write(bytes, resolve));
 
 // What a terminal shows and which modes it is in.
 function modes(term) {
@@ -144,11 +129,9 @@ function screen(term) {
   const buffer = term.buffer.active, rows = [];
   for (let y = 0; y < term.rows; y++) {
     const line = buffer.getLine(buffer.viewportY + y);
-    for (let x = 0; x < term.cols; x++) {
-      const c = line.getCell(x);
+    for (let x = 0, c; x < term.cols && (c = line.getCell(x)); x++)
       rows.push([c.getChars(), c.getFgColorMode(), c.getFgColor(), c.getBgColorMode(),
         c.getBgColor(), c.isBold(), c.isItalic(), c.isUnderline()].join());
-    }
   }
   return rows.join('|') + modes(term) + `${buffer.cursorX},${buffer.cursorY}`;
 }
@@ -179,7 +162,7 @@ async function reattachedScreens(variant) {
   await waitFor(() => bytesOf(whole, doneAt).includes(paint), 'repaint on the first client');
   const cut = (client, from) => bytesOf(client).subarray(0, bytesOf(client).indexOf(paint, from) + paint.length);
   reference.resize(100, 30);
-  await feed(reference, cut(whole, doneAt).subarray(doneAt));
+  await new Promise((resolve) => reference.write(cut(whole, doneAt).subarray(doneAt), resolve));
   const shown = await emulator(100, 30, cut(resized, resized.replayEndAt));
   check(screen(shown) === screen(reference), `${variant}: screen after repaint at 100x30`);
   for (const client of [whole, later, resized]) client.sock.destroy();
