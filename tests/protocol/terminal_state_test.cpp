@@ -26,6 +26,7 @@ const Case kCases[] = {
     {"OlderAlternateScreen", "\x1b[?47h", "\x1b[?47h", "\x1b[?47l"},
     {"ScrollRegionAndOrigin", "\x1b[2;20r\x1b[?6h", "\x1b[2;20r\x1b[?6h", "\x1b[r\x1b[?6l"},
     {"FullScrollRegionIsDefault", "\x1b[5;9r\x1b[r", "", ""},
+    {"EmptyScrollRegionIgnored", "\x1b[0;1r", "", ""},
     {"LineDrawingShiftedIn", "\x1b(0\x1b)0\x0e", "\x1b(0\x1b)0\x0e", "\x0f\x1b(B\x1b)B"},
     {"Rendition", "\x1b[1;4;31;48;5;200m\x1b[38:2::1:2:3m", "\x1b[0;1;4;38;2;1;2;3;48;5;200m",
      "\x1b[0m"},

@@ -269,7 +269,8 @@ void TerminalState::dispatchCsi(unsigned char final) {
     if (final == 'm') {
         graphicRendition();
     } else if (final == 'r') {
-        std::uint16_t top = paramCount_ > 0 ? params_[0] : 0;
+        // Lines count from 1; an empty or zero top means the first line.
+        std::uint16_t top = std::max<std::uint16_t>(paramCount_ > 0 ? params_[0] : 0, 1);
         std::uint16_t bottom = paramCount_ > 1 ? params_[1] : 0;
         if (bottom != 0 && top >= bottom)
             return;
