@@ -397,7 +397,7 @@ Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload
     TRY(queueFrame(client, FrameType::ReplayEnd, {}));
     // A full-screen program redraws on a size change; the new client's
     // screen is only whole after such a redraw.
-    if (ring_.newestState().alternateScreen() && !terminalGone_)
+    if (replay.alternateScreen && !terminalGone_)
         requestRepaint(shell_.master.get());
     client.attached = true;
     logInfo(LogScope::Keeper, "client attached fd=", client.fd.get());

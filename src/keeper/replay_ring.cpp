@@ -23,7 +23,6 @@ void ReplayRing::evict(std::size_t incoming, std::string_view bytes) {
 
 void ReplayRing::append(std::string_view bytes) {
     evict(bytes.size(), bytes);
-    newest_.feed(bytes);
     if (bytes.size() >= kCapacity) {
         // Only the newest kCapacity bytes survive; lay them out from zero.
         std::memcpy(bytes_.get(), bytes.data() + bytes.size() - kCapacity, kCapacity);
@@ -57,7 +56,13 @@ ReplayRing::Replay ReplayRing::replay() const {
     older.remove_prefix(start.feedToBoundary(older));
     if (older.empty())
         newer.remove_prefix(start.feedToBoundary(newer));
-    return {start.preamble(), older, newer};
+    Replay replay{start.preamble(), older, newer};
+    // Only an attach needs the state at the newest byte: one pass over the
+    // ring then is cheaper than following every byte as it arrives.
+    start.feed(older);
+    start.feed(newer);
+    replay.alternateScreen = start.alternateScreen();
+    return replay;
 }
 
 } // namespace tovel

@@ -1,6 +1,7 @@
 // The replay ring: the last 1 MiB of the shell's output, replayed to every
-// client that attaches, with the terminal state in force at its oldest byte
-// and after its newest. Allocated once; the oldest bytes are overwritten.
+// client that attaches, with the terminal state in force at its oldest byte.
+// Allocated once; the oldest bytes are overwritten and pass through the
+// state on their way out, so every byte is parsed once.
 #pragma once
 
 #include "client/protocol/terminal_state.hpp"
@@ -24,14 +25,14 @@ class ReplayRing {
         SequenceText preamble;
         std::string_view older;
         std::string_view newer;
+        // Whether the output leaves the terminal on the alternate screen.
+        bool alternateScreen = false;
     };
 
     ReplayRing();
 
     void append(std::string_view bytes);
     [[nodiscard]] Replay replay() const;
-    // The state after everything the shell has written.
-    [[nodiscard]] const TerminalState& newestState() const { return newest_; }
     [[nodiscard]] std::size_t size() const { return wrapped_ ? kCapacity : position_; }
 
     // The content, oldest first, as at most two pieces.
@@ -45,7 +46,6 @@ class ReplayRing {
     std::size_t position_ = 0;
     bool wrapped_ = false;
     TerminalState oldest_;
-    TerminalState newest_;
 };
 
 } // namespace tovel

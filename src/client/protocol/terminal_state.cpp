@@ -52,6 +52,24 @@ std::uint8_t utf8PendingAfter(const unsigned char* run, const unsigned char* sto
     return static_cast<std::uint8_t>(before > length ? before - length : 0);
 }
 
+// The first byte below 0x20 from `at` on, or `end`. Eight bytes at a time:
+// a word holds such a byte exactly when subtracting 0x20 from every byte
+// borrows into a byte whose top bit was clear.
+const unsigned char* skipText(const unsigned char* at, const unsigned char* end) {
+    constexpr std::uint64_t kSpaces = 0x2020202020202020ull;
+    constexpr std::uint64_t kTopBits = 0x8080808080808080ull;
+    while (end - at >= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, at, sizeof word);
+        if ((word - kSpaces) & ~word & kTopBits)
+            break;
+        at += 8;
+    }
+    while (at < end && *at >= 0x20)
+        ++at;
+    return at;
+}
+
 void appendMode(SequenceText& text, unsigned mode, bool on) {
     text.append("\x1b[?");
     text.appendNumber(mode);
@@ -84,8 +102,7 @@ void TerminalState::feed(std::string_view bytes) {
             // Printable text is the bulk of any output: skip it in one run
             // and settle the UTF-8 state once at its end.
             const unsigned char* run = at;
-            while (at < end && *at >= 0x20)
-                ++at;
+            at = skipText(at, end);
             if (at != run)
                 utf8Pending_ = utf8PendingAfter(run, at, utf8Pending_);
             if (at < end)
