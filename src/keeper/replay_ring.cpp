@@ -8,13 +8,13 @@ namespace tovel {
 // Left uninitialised on purpose: untouched pages cost an idle keeper nothing.
 ReplayRing::ReplayRing() : bytes_(std::make_unique_for_overwrite<char[]>(kCapacity)) {}
 
-void ReplayRing::evict(std::size_t incoming, std::string_view bytes) {
+void ReplayRing::evict(std::string_view incoming) {
     std::size_t held = size();
-    if (held + incoming <= kCapacity)
+    if (held + incoming.size() <= kCapacity)
         return;
-    std::size_t overflow = held + incoming - kCapacity;
+    std::size_t overflow = held + incoming.size() - kCapacity;
     auto [older, newer] = pieces();
-    for (std::string_view piece : {older, newer, bytes}) {
+    for (std::string_view piece : {older, newer, incoming}) {
         std::string_view gone = piece.substr(0, overflow);
         oldest_.feed(gone);
         overflow -= gone.size();
@@ -22,7 +22,7 @@ void ReplayRing::evict(std::size_t incoming, std::string_view bytes) {
 }
 
 void ReplayRing::append(std::string_view bytes) {
-    evict(bytes.size(), bytes);
+    evict(bytes);
     if (bytes.size() >= kCapacity) {
         // Only the newest kCapacity bytes survive; lay them out from zero.
         std::memcpy(bytes_.get(), bytes.data() + bytes.size() - kCapacity, kCapacity);

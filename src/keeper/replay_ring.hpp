@@ -39,8 +39,9 @@ class ReplayRing {
     [[nodiscard]] std::pair<std::string_view, std::string_view> pieces() const;
 
   private:
-    // Runs the bytes about to be overwritten through the oldest state.
-    void evict(std::size_t incoming, std::string_view bytes);
+    // Runs the bytes that `incoming` pushes out (its own head included,
+    // when it is longer than the ring) through the oldest state.
+    void evict(std::string_view incoming);
 
     std::unique_ptr<char[]> bytes_;
     std::size_t position_ = 0;
