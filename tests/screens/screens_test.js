@@ -37,7 +37,9 @@ function fullScreenProgram(variant) {
   });
   process.stdin.setRawMode(true);
   process.stdin.on('data', (d) => d.includes('q') && process.exit(0));
-  process.stdin.once('data', () => {
+  // "g<n>": go, after the n bytes the terminal has carried so far.
+  process.stdin.once('data', (d) => {
+    written = parseInt(d.toString().slice(1)) || 0;
     out('\x1b[?1049h\x1b[?1002h\x1b[?1006h\x1b[?1004h\x1b[?2004h\x1b[?25l\x1b[?1h\x1b=\x1b(0');
     let k = 0;
     while (written < (variant === 'hold' ? 20000 : 3000000)) update(k++);
@@ -47,6 +49,7 @@ function fullScreenProgram(variant) {
     while (variant !== 'hold' && written + 60 < end) update(k++);
     out('\x1b]0;done' + 'x'.repeat(variant === 'hold' ? 0 : end - written - 9) + '\x07');
   });
+  out('\x1b]0;ready\x07');
 }
 
 const [binary, xtermDir] = process.argv.slice(2);
@@ -139,8 +142,8 @@ function screen(term) {
 async function reattachedScreens(variant) {
   const id = newSession(programCmd(variant));
   const whole = attach(id, 80, 24);
-  await waitFor(() => whole.replayEndAt >= 0, 'first replay');
-  whole.input('g');
+  await waitFor(() => whole.tail.includes('ready'), 'the program to start');
+  whole.input('g' + whole.bytes);
   await waitFor(() => whole.tail.includes('\x1b]0;done'), 'the program to finish');
   const doneAt = whole.bytes;
   const reference = await emulator(80, 24, bytesOf(whole));
