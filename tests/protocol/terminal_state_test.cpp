@@ -54,6 +54,7 @@ const Case kCases[] = {
     {"InsideCsi", "abc\x1b[12;", "", "", false},
     {"InsideEscape", "\x1b", "", "", false},
     {"InsideOsc", "\x1b]0;ti", "", "", false},
+    {"BellInsideDeviceControl", "\x1bPq#0\x07", "", "", false},
     {"InsideStringTerminator", "\x1b]0;t\x1b", "", "", false},
     {"InsideCharset", "\x1b(", "", "", false},
     {"InsideTwoByteCharacter", "a\xc3", "", "", false},

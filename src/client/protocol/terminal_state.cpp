@@ -180,6 +180,7 @@ void TerminalState::escape(unsigned char byte) {
         case '^':
         case '_':
             parse_ = Parse::String;
+            bellEndsString_ = byte == ']';
             return;
         default:
             break;
@@ -263,7 +264,7 @@ void TerminalState::string(unsigned char byte) {
     }
     if (byte == kEscape)
         parse_ = Parse::StringEscape;
-    else if (byte == kBell || byte == kCancel || byte == kSubstitute)
+    else if ((byte == kBell && bellEndsString_) || byte == kCancel || byte == kSubstitute)
         parse_ = Parse::Ground;
 }
 

@@ -102,6 +102,9 @@ class TerminalState {
     Modes modes_;
     Parse parse_ = Parse::Ground;
     std::uint8_t utf8Pending_ = 0;
+    // BEL ends an operating-system command; device-control and the other
+    // strings end only with ST.
+    bool bellEndsString_ = false;
     // The sequence being read: private marker, last intermediate, the
     // number of intermediates, and parameters with a bit per parameter
     // that followed a colon.
