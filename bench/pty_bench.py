@@ -2,7 +2,9 @@
 """Persistent-shell benchmarks, side by side in one run: a raw PTY (the
 physical limit), tovel-ptyd, dtach and tmux. Prints a markdown report.
 
-Usage: bench/pty_bench.py [path/to/tovel-ptyd] [--rounds N]
+Usage: bench/pty_bench.py [path/to/tovel-ptyd] [--rounds N] [--throughput]
+--throughput runs only the throughput sections. Peers that are not
+installed are left out.
 """
 import os, pty, select, shutil, signal, statistics, subprocess, sys, tempfile, time, fcntl, termios, struct
 
@@ -13,6 +15,7 @@ ENV = dict(os.environ, TOVEL_PTYD_DIR=WORK, SHELL='/bin/sh', TERM='xterm-256colo
 MIB = 1048576
 PRODUCER = "head -c %d /dev/zero | tr '\\0' a; echo; echo BENCH-END" % (32 * MIB)
 started = []  # (kind, handle) to clean up
+DELIVERY = []  # per tovel throughput run: (mid-stream replays, every byte delivered)
 
 
 def spawn(argv, cols=80, rows=24):
@@ -37,7 +40,8 @@ def wait_raw(fd, kind, timeout=10.0):
         time.sleep(0.01)
 
 
-def read_until(fd, needle, timeout=60.0, keep=False):
+def read_until(fd, needle, timeout=60.0, keep=False, counts=None):
+    """Reads until needle; `counts` (bytes -> number) tallies occurrences."""
     end = time.monotonic() + timeout
     tail, total, out = b'', 0, b''
     while time.monotonic() < end:
@@ -53,6 +57,8 @@ def read_until(fd, needle, timeout=60.0, keep=False):
         total += len(data)
         if keep:
             out += data
+        for key in counts or {}:
+            counts[key] += (tail[-len(key) + 1:] + data).count(key) if len(key) > 1 else data.count(key)
         tail = (tail + data)[-256:]
         if needle in tail:
             return out if keep else total
@@ -108,10 +114,15 @@ def throughput(kind, cols, rows):
     pid, fd = spawn(argv, cols, rows)
     wait_raw(fd, kind)
     peak = [0]
+    counts = {b'a': 0, b'pty-replay-start': 0}
     t0 = time.monotonic()
     os.write(fd, b'\r')
-    got = read_until(fd, b'BENCH-END')
+    got = read_until(fd, b'BENCH-END', counts=counts)
     t = time.monotonic() - t0
+    if kind == 'tovel':
+        # The session printed nothing before "go": any replay marker is a
+        # reconnect in mid-stream, and then bytes went missing.
+        DELIVERY.append((counts[b'pty-replay-start'], counts[b'a'] == 32 * MIB))
     if kind == 'tovel':
         try:
             peak[0] = rss_kib(pid)
@@ -239,6 +250,23 @@ def replay_and_reattach():
     return first * 1000, dfirst * 1000, replay * 1000, raw * 1000
 
 
+def tracking_cost(tovel_mibs):
+    """The terminal-state parser's own speed, and its share of the time each
+    byte takes at the measured throughput (the keeper parses every byte once
+    as it leaves the replay ring, the attach client once as it prints it)."""
+    root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    exe = os.path.join(WORK, 'terminal_state_bench')
+    if not os.path.exists(exe):
+        subprocess.run(['c++', '-std=c++23', '-O2', '-I', os.path.join(root, 'src'), '-o', exe,
+                        os.path.join(root, 'bench/terminal_state_bench.cpp'),
+                        os.path.join(root, 'src/client/protocol/terminal_state.cpp')], check=True)
+    speeds = dict(line.split() for line in subprocess.run([exe], capture_output=True, text=True, check=True).stdout.splitlines())
+    print('Terminal-state parser (MiB/s; share of each byte\'s time at %.1f MiB/s):\n' % tovel_mibs)
+    for shape, mibs in speeds.items():
+        print('- %s: %s (%.2f%%)' % (shape, mibs, 100.0 * tovel_mibs / float(mibs)))
+    print()
+
+
 def cleanup():
     for kind, handle in started:
         if kind == 'tovel':
@@ -250,12 +278,13 @@ def cleanup():
             subprocess.run(['tmux', '-L', 'tvbench', 'kill-server'], capture_output=True)
         elif kind == 'dtach':
             pass
-    subprocess.run(['pkill', '-KILL', '-f', 'dtach -n ' + WORK], capture_output=True)
+    if any(kind == 'dtach' for kind, _ in started):
+        subprocess.run(['pkill', '-KILL', '-f', 'dtach -n ' + WORK], capture_output=True)
     shutil.rmtree(WORK, ignore_errors=True)
 
 
 def main():
-    kinds = ['raw', 'tovel', 'dtach', 'tmux']
+    kinds = [k for k in ('raw', 'tovel', 'dtach', 'tmux') if k in ('raw', 'tovel') or shutil.which(k)]
     try:
         print('## Persistent shells (%s, %d rounds, interleaved)\n' % (time.strftime('%Y-%m-%d'), ROUNDS))
         for cols, rows in ((80, 24), (200, 60)):
@@ -274,7 +303,13 @@ def main():
                 print('- %s: %.1f (%.2fx)' % (k, m, m / raw))
             if rss:
                 print('- tovel attach client RSS while streaming: %d KiB' % max(rss))
+            print('- tovel mid-stream replays: %d in %d runs; every byte delivered in %d of %d'
+                  % (sum(r for r, _ in DELIVERY), len(DELIVERY), sum(1 for _, ok in DELIVERY if ok), len(DELIVERY)))
+            DELIVERY.clear()
             print()
+            tracking_cost(statistics.median(results['tovel']))
+        if '--throughput' in sys.argv:
+            return
         lat = {k: [] for k in kinds}
         for _ in range(ROUNDS):
             for k in kinds:

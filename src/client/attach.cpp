@@ -8,6 +8,7 @@
 #include "client/detach_key.hpp"
 #include "client/greeting.hpp"
 #include "client/protocol/frame.hpp"
+#include "client/protocol/terminal_state.hpp"
 #include "client/receive_buffer.hpp"
 #include "client/replay_bracket.hpp"
 #include "client/terminal_mode.hpp"
@@ -59,6 +60,11 @@ class AttachLoop {
         auto result = loop();
         // Whatever ended the attach, an open bracket is closed on screen.
         bracket_.closeOpen(ReplayBracket::State::Closed);
+        // The local terminal is handed back with nothing left on; best
+        // effort, like the markers.
+        SequenceText undo = screen_.undo();
+        if (!undo.empty())
+            (void)sys::writeAll(1, undo.view());
         return result;
     }
 
@@ -169,6 +175,7 @@ class AttachLoop {
             bracket_.beforeOutput();
             if (auto written = sys::writeAll(1, payload); !written)
                 return fail(written.error());
+            screen_.feed(payload);
             bracket_.afterOutput(sys::monotonicMs());
             return {};
         }
@@ -263,6 +270,8 @@ class AttachLoop {
     sys::SignalPipe& signals_;
     ReplayBracket bracket_;
     DetachKey detachKey_;
+    // What the keeper's output has turned on in the local terminal.
+    TerminalState screen_;
     ReceiveBuffer buffer_;
     std::int64_t lastConnectMs_;
     int attempts_ = 0;

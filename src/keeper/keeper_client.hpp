@@ -31,6 +31,9 @@ struct KeeperClient {
     bool handshaken = false;
     bool attached = false;
     bool dropped = false; // removed from the table at the end of the wake-up
+    // When the socket last accepted output, or the queue last started
+    // filling after being empty.
+    std::int64_t progressAtMs = 0;
 };
 
 } // namespace tovel

@@ -3,6 +3,7 @@
 
 #include "cli/log.hpp"
 #include "client/protocol/portable_takeover.hpp"
+#include "keeper/output_flow.hpp"
 #include "platform/clock.hpp"
 #include "platform/process.hpp"
 #include "platform/pty.hpp"
@@ -58,6 +59,12 @@ bool admitPeer(int fd) {
     return false;
 }
 
+void requestRepaint(int master) {
+    auto group = sys::foregroundProcessGroup(master);
+    if (group)
+        (void)sys::killProcessGroup(*group, SIGWINCH);
+}
+
 } // namespace
 
 std::uint32_t encodeExitStatus(int waitStatus) {
@@ -77,10 +84,12 @@ KeeperLoop::KeeperLoop(KeeperListeners listeners, ShellProcess shell, sys::Signa
 std::uint32_t KeeperLoop::run() {
     std::vector<pollfd> entries;
     while (!exitStatus_) {
+        std::int64_t now = sys::monotonicMs();
+        OutputFlow flow = outputFlow(clients_, now);
         entries.clear();
         entries.push_back({listeners_.path.get(), POLLIN, 0});
         entries.push_back({listeners_.abstract.get(), POLLIN, 0});
-        short ptyEvents = terminalGone_ ? 0 : POLLIN;
+        short ptyEvents = terminalGone_ || !flow.readShell ? 0 : POLLIN;
         if (!terminalGone_ && !ptyInput_.empty())
             ptyEvents |= POLLOUT;
         entries.push_back({terminalGone_ ? -1 : shell_.master.get(), ptyEvents, 0});
@@ -92,7 +101,7 @@ std::uint32_t KeeperLoop::run() {
             entries.push_back({client->fd.get(), events, 0});
         }
 
-        auto ready = sys::poll(entries, pollTimeout(sys::monotonicMs()));
+        auto ready = sys::poll(entries, earlierTimeout(pollTimeout(now), flow.timeoutMs));
         if (!ready) {
             logError(LogScope::Keeper, "poll failed: ", ready.error());
             continue;
@@ -119,7 +128,7 @@ std::uint32_t KeeperLoop::run() {
                 readClient(client, revents);
         }
 
-        std::int64_t now = sys::monotonicMs();
+        now = sys::monotonicMs();
         for (auto& client : clients_) {
             if (!client->dropped && !client->handshaken &&
                 now - client->acceptedAtMs >= kHandshakeDeadlineMs) {
@@ -271,6 +280,8 @@ void KeeperLoop::sendOutput(KeeperClient& client, std::string_view payload) {
         (void)queueFrame(client, FrameType::Output, payload);
         return;
     }
+    // Caught up until now: whatever stays queued starts its wait here.
+    client.progressAtMs = sys::monotonicMs();
     char header[kFrameHeaderSize];
     encodeFrameHeader(header, FrameType::Output, payload.size());
     std::string_view pieces[] = {std::string_view(header, sizeof header), payload};
@@ -300,6 +311,8 @@ void KeeperLoop::sendOutput(KeeperClient& client, std::string_view payload) {
 }
 
 Result<> KeeperLoop::queueFrame(KeeperClient& client, FrameType type, std::string_view payload) {
+    if (client.output.empty())
+        client.progressAtMs = sys::monotonicMs();
     char header[kFrameHeaderSize];
     encodeFrameHeader(header, type, payload.size());
     auto queued = client.output.append(std::string_view(header, sizeof header), payload,
@@ -324,6 +337,7 @@ void KeeperLoop::flushClient(KeeperClient& client) {
             return;
         }
         client.output.consume(*written);
+        client.progressAtMs = sys::monotonicMs();
     }
 }
 
@@ -429,8 +443,10 @@ Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload
         return {};
     }
     TRY(queueFrame(client, FrameType::ReplayStart, {}));
-    auto [older, newer] = ring_.pieces();
-    for (std::string_view piece : {older, newer}) {
+    ReplayRing::Replay replay = ring_.replay();
+    if (!replay.preamble.empty())
+        TRY(queueFrame(client, FrameType::Output, replay.preamble.view()));
+    for (std::string_view piece : {replay.older, replay.newer}) {
         // Whole replay frames fit the attach client's 64 KiB receive
         // buffer, so a replay never makes the client grow it.
         while (!piece.empty()) {
@@ -440,6 +456,10 @@ Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload
         }
     }
     TRY(queueFrame(client, FrameType::ReplayEnd, {}));
+    // A full-screen program redraws on a size change; the new client's
+    // screen is only whole after such a redraw.
+    if (replay.alternateScreen && !terminalGone_)
+        requestRepaint(shell_.master.get());
     client.attached = true;
     logInfo(LogScope::Keeper, "client attached fd=", client.fd.get());
     metadata_.lastAttachedAt = sys::realtimeSeconds();

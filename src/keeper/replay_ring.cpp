@@ -8,7 +8,21 @@ namespace tovel {
 // Left uninitialised on purpose: untouched pages cost an idle keeper nothing.
 ReplayRing::ReplayRing() : bytes_(std::make_unique_for_overwrite<char[]>(kCapacity)) {}
 
+void ReplayRing::evict(std::string_view incoming) {
+    std::size_t held = size();
+    if (held + incoming.size() <= kCapacity)
+        return;
+    std::size_t overflow = held + incoming.size() - kCapacity;
+    auto [older, newer] = pieces();
+    for (std::string_view piece : {older, newer, incoming}) {
+        std::string_view gone = piece.substr(0, overflow);
+        oldest_.feed(gone);
+        overflow -= gone.size();
+    }
+}
+
 void ReplayRing::append(std::string_view bytes) {
+    evict(bytes);
     if (bytes.size() >= kCapacity) {
         // Only the newest kCapacity bytes survive; lay them out from zero.
         std::memcpy(bytes_.get(), bytes.data() + bytes.size() - kCapacity, kCapacity);
@@ -34,6 +48,21 @@ std::pair<std::string_view, std::string_view> ReplayRing::pieces() const {
         return {std::string_view(bytes_.get(), position_), {}};
     return {std::string_view(bytes_.get() + position_, kCapacity - position_),
             std::string_view(bytes_.get(), position_)};
+}
+
+ReplayRing::Replay ReplayRing::replay() const {
+    auto [older, newer] = pieces();
+    TerminalState start = oldest_;
+    older.remove_prefix(start.feedToBoundary(older));
+    if (older.empty())
+        newer.remove_prefix(start.feedToBoundary(newer));
+    Replay replay{start.preamble(), older, newer};
+    // Only an attach needs the state at the newest byte: one pass over the
+    // ring then is cheaper than following every byte as it arrives.
+    start.feed(older);
+    start.feed(newer);
+    replay.alternateScreen = start.alternateScreen();
+    return replay;
 }
 
 } // namespace tovel

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <pty.h>
+#include <unistd.h>
 
 namespace tovel::sys {
 
@@ -52,6 +53,13 @@ Result<> setTerminalAttributes(int fd, const termios& attributes, int when) {
         if (errno != EINTR)
             return fail(errorFromErrno(errno));
     }
+}
+
+Result<pid_t> foregroundProcessGroup(int fd) {
+    pid_t group = ::tcgetpgrp(fd);
+    if (group < 0)
+        return fail(errorFromErrno(errno));
+    return group;
 }
 
 Result<> setControllingTerminal(int fd) {

@@ -33,6 +33,9 @@ struct Pty {
 // tcsetattr, retrying EINTR; `when` is TCSANOW, TCSADRAIN or TCSAFLUSH.
 [[nodiscard]] Result<> setTerminalAttributes(int fd, const termios& attributes, int when = TCSANOW);
 
+// tcgetpgrp: the terminal's foreground process group.
+[[nodiscard]] Result<pid_t> foregroundProcessGroup(int fd);
+
 // TIOCSCTTY: makes `fd` the calling session leader's controlling terminal.
 // Async-signal-safe.
 [[nodiscard]] Result<> setControllingTerminal(int fd);

@@ -1,0 +1,47 @@
+// How fast the terminal-state parser reads output of three shapes: plain
+// text, numbered lines and cursor-addressed full-screen updates. Prints one
+// "<shape> <MiB/s>" line each. Built and run by bench/pty_bench.py.
+#include "client/protocol/terminal_state.hpp"
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+namespace {
+
+constexpr std::size_t kSize = 32u << 20;
+constexpr std::size_t kChunk = 65536; // as the keeper reads the PTY
+
+double mibPerSecond(const std::string& output) {
+    using Clock = std::chrono::steady_clock;
+    tovel::TerminalState state;
+    int rounds = 10;
+    auto start = Clock::now();
+    for (int round = 0; round < rounds; ++round) {
+        for (std::size_t at = 0; at < output.size(); at += kChunk)
+            state.feed(std::string_view(output).substr(at, kChunk));
+    }
+    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (state.preamble().view().size() == tovel::SequenceText::kCapacity)
+        std::puts("(preamble full)"); // keeps the work observable
+    return static_cast<double>(output.size()) * rounds / seconds / (1 << 20);
+}
+
+} // namespace
+
+int main() {
+    std::string plain(kSize, 'a');
+    std::string lines;
+    for (int i = 1; lines.size() < kSize; ++i)
+        lines += std::to_string(i) + "\r\n";
+    std::string screen = "\x1b[?1049h\x1b[?1002h\x1b[?1006h\x1b[?25l\x1b(0";
+    for (int k = 0; screen.size() < kSize; ++k) {
+        screen +=
+            "\x1b[" + std::to_string(1 + k / 80 % 24) + ";" + std::to_string(1 + k % 80) + "H";
+        if (k % 3 == 0)
+            screen += "\x1b[0;1;3" + std::to_string(k % 7) + "m";
+        screen += k % 5 ? "q" : "\xe2\x82\xac";
+    }
+    std::printf("plain %.0f\nlines %.0f\nscreen %.0f\n", mibPerSecond(plain), mibPerSecond(lines),
+                mibPerSecond(screen));
+}
