@@ -92,13 +92,12 @@ TEST_P(KeeperAnswer, DecidesTheOutcome) {
 
 const std::vector<std::string> kKill = {"kill", kId};
 
-std::string rejected(char reason, std::uint64_t expected = 0, std::uint64_t other = 0) {
-    std::string payload(1, reason);
-    for (std::uint64_t value : {expected, other}) {
-        for (int shift = 56; shift >= 0 && (reason == 3 || reason == 4); shift -= 8)
-            payload.push_back(static_cast<char>((value >> shift) & 0xff));
-    }
-    return frameBytes(frame::TakeoverRejected, payload);
+// A rejection with its reason byte and, for stale leases, two u64 generations.
+std::string rejected(char reason, std::uint32_t expected = 0, std::uint32_t other = 0) {
+    std::string generations =
+        std::string(4, '\0') + u32Payload(expected) + std::string(4, '\0') + u32Payload(other);
+    return frameBytes(frame::TakeoverRejected,
+                      reason + (reason == 3 || reason == 4 ? generations : ""));
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -132,11 +132,9 @@ struct ShutdownCase {
 class ShutdownRequest : public KeeperFixture, public ::testing::WithParamInterface<ShutdownCase> {};
 
 TEST_P(ShutdownRequest, AcknowledgesSignalsShellAndReportsItsDeath) {
-    // The command script clears the TERM trap the way bash does; a plain
-    // POSIX sh may keep an interactive shell's ignored SIGTERM.
+    // bash clears the TERM trap as the command script asks (a POSIX sh may
+    // keep an interactive shell's ignored SIGTERM); signal once it runs.
     env_["SHELL"] = "/bin/bash";
-    // Signalled only once the command runs: until the start-up script has
-    // cleared its trap, an interactive login shell ignores SIGTERM.
     std::string id = startSession({"--cmd", "echo running; sleep 100"});
     WireConnection watcher = attachTo(socketPath(id));
     ASSERT_TRUE(collectOutput(watcher, "running", 20s).found);

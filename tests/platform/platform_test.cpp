@@ -1,48 +1,18 @@
-// The platform parts the file server leans on: the directory reader, and
-// detached threads on kept stacks (every thread runs with the full stack size,
-// stacks are reused once their threads are gone, and more threads than kept
-// stacks still start). Signals, locks, PTYs and descriptor flags are seen at
-// work in the client and keeper suites.
-#include "platform/directory.hpp"
+// Detached threads on kept stacks: every thread runs with the full stack
+// size, stacks are reused once their threads are gone, and more threads than
+// kept stacks still start. (The other wrappers are seen at work: directories
+// in the listing and file-server suites; signals, locks, PTYs and descriptor
+// flags in the client and keeper suites.)
 #include "platform/thread.hpp"
 #include "support/test_support.hpp"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <pthread.h>
-#include <string>
-#include <vector>
 
 namespace tovel {
 namespace {
-
-TEST(DirectoryReader, ListsEntriesWithTypesAndSkipsDots) {
-    test::TempDir dir;
-    dir.writeFile("file.txt", "x");
-    dir.writeFile("sub/inner", "y");
-    auto reader = sys::DirectoryReader::open(dir.path());
-    ASSERT_TRUE(reader);
-    std::vector<std::string> seen;
-    for (;;) {
-        auto entry = reader->next();
-        ASSERT_TRUE(entry);
-        if (!*entry)
-            break;
-        seen.push_back(std::string((*entry)->name) +
-                       ((*entry)->type == sys::EntryType::Directory ? "/" : ""));
-    }
-    std::sort(seen.begin(), seen.end());
-    EXPECT_EQ(seen, (std::vector<std::string>{"file.txt", "sub/"}));
-    auto child = reader->openChild("sub");
-    ASSERT_TRUE(child);
-    auto st = child->statEntry("inner", sys::FollowLinks::No);
-    ASSERT_TRUE(st);
-    EXPECT_EQ(st->st_size, 1);
-    EXPECT_EQ(reader->openChild("file.txt").error(), Error::NotDir);
-    EXPECT_EQ(sys::DirectoryReader::open(dir.path() + "/missing").error(), Error::FileNotFound);
-}
 
 constexpr std::size_t kStackSize = 16 * 1024 * 1024;
 
