@@ -1,18 +1,48 @@
-// Spawn-option parsing and portable-metadata validation.
+// The decimal number rule shared by options, keeper arguments and metadata,
+// spawn-option parsing and portable-metadata validation.
+#include "cli/number.hpp"
 #include "cli/spawn_options.hpp"
 
 #include <gtest/gtest.h>
 
-#include <ostream>
-
+#include <ranges>
 #include <string>
 #include <vector>
 
 namespace tovel {
 namespace {
 
-constexpr const char* kUuid = "0123abcd-0123-4567-89ab-0123456789ab";
-constexpr const char* kUuid2 = "ffffffff-0000-1111-2222-333333333333";
+// The value read, or the name of the refusal.
+template <typename T> std::string parsed(std::string_view text) {
+    auto number = parseNumber<T>(text);
+    return number ? std::to_string(*number) : std::string(errorName(number.error()));
+}
+
+TEST(Number, SixteenBitShapes) {
+    for (const char* text : {"", "+", "-", "_1", "1_", "+_1", "1a", " 1", "0x10", "++1", "+-1"})
+        EXPECT_EQ(parsed<std::uint16_t>(text), "InvalidCharacter") << "'" << text << "'";
+    for (const char* text : {"65536", "-1", "99999999999999999999"})
+        EXPECT_EQ(parsed<std::uint16_t>(text), "Overflow") << text;
+    for (const char* text : {"0", "-0", "-000", "-0_0"})
+        EXPECT_EQ(parsed<std::uint16_t>(text), "0") << text;
+    EXPECT_EQ(parsed<std::uint16_t>("+80"), "80");
+    EXPECT_EQ(parsed<std::uint16_t>("1_000"), "1000");
+    EXPECT_EQ(parsed<std::uint16_t>("1__0"), "10");
+    EXPECT_EQ(parsed<std::uint16_t>("65535"), "65535");
+}
+
+TEST(Number, WidthsAndSigns) {
+    EXPECT_EQ(parsed<std::uint64_t>("18446744073709551615"), "18446744073709551615");
+    EXPECT_EQ(parsed<std::uint64_t>("18446744073709551616"), "Overflow");
+    EXPECT_EQ(parsed<std::int32_t>("-5"), "-5");
+    EXPECT_EQ(parsed<std::int32_t>("-2147483648"), "-2147483648");
+    EXPECT_EQ(parsed<std::int32_t>("2147483648"), "Overflow");
+    EXPECT_EQ(parsed<std::int32_t>("-2147483649"), "Overflow");
+    EXPECT_EQ(parsed<std::int32_t>(""), "InvalidCharacter");
+}
+
+const std::string kUuid = "0123abcd-0123-4567-89ab-0123456789ab";
+const std::string kUuid2 = "ffffffff-0000-1111-2222-333333333333";
 
 Result<SpawnOptions> parse(std::vector<std::string_view> args, OptionSet allowed = OptionSet::All) {
     return parseSpawnOptions(args, allowed);
@@ -28,152 +58,84 @@ TEST(SpawnOptions, DefaultsWithoutOptions) {
     EXPECT_TRUE(options->portable.empty());
 }
 
+const char* const kEveryOption =
+    "--cols 1_000 --rows +50 --cmd htop --cwd /tmp --lease-generation 0 --dir /x "
+    "--workspace-id 0123abcd-0123-4567-89ab-0123456789ab --migration-id "
+    "0123abcd-0123-4567-89ab-0123456789ab --replica-id ffffffff-0000-1111-2222-333333333333 "
+    "--agent-kind A_1.x --adapter-id a-b+c";
+
 TEST(SpawnOptions, ReadsEveryOption) {
-    auto options = parse({"--cols",
-                          "1_000",
-                          "--rows",
-                          "+50",
-                          "--cmd",
-                          "htop",
-                          "--cwd",
-                          "/tmp",
-                          "--workspace-id",
-                          kUuid,
-                          "--replica-id",
-                          kUuid2,
-                          "--lease-generation",
-                          "0",
-                          "--migration-id",
-                          kUuid,
-                          "--agent-kind",
-                          "Agent_1.x",
-                          "--adapter-id",
-                          "a-b+c",
-                          "--dir",
-                          "/x"});
+    std::vector<std::string_view> args;
+    for (auto word : std::views::split(std::string_view(kEveryOption), ' '))
+        args.emplace_back(word.begin(), word.end());
+    auto options = parse(args);
     ASSERT_TRUE(options) << errorName(options.error());
     EXPECT_EQ(options->cols, 1000);
     EXPECT_EQ(options->rows, 50);
     EXPECT_EQ(options->cmd, "htop");
     EXPECT_EQ(options->cwd, "/tmp");
     EXPECT_EQ(options->portable.leaseGeneration, 0u);
-    EXPECT_EQ(options->portable.agentKind, "Agent_1.x");
+    EXPECT_EQ(options->portable.agentKind, "A_1.x");
+    EXPECT_EQ(parse({"--dir", "/x", "--cols", "9"}, OptionSet::DimensionsOnly)->cols, 9);
 }
 
-struct RefusedCase {
-    std::vector<std::string_view> args;
-    OptionSet allowed;
-    Error error;
-};
-
-void PrintTo(const RefusedCase& c, std::ostream* os) {
-    for (auto arg : c.args)
-        *os << arg << ' ';
+// The error's name, or "ok".
+template <typename T> std::string outcome(const Result<T>& result) {
+    return result ? "ok" : std::string(errorName(result.error()));
 }
 
-class RefusedOptions : public testing::TestWithParam<RefusedCase> {};
-
-TEST_P(RefusedOptions, FailWithTheirName) {
-    auto options = parse(GetParam().args, GetParam().allowed);
-    ASSERT_FALSE(options);
-    EXPECT_EQ(options.error(), GetParam().error);
+TEST(SpawnOptions, RefusalsNameTheirCause) {
+    struct Case {
+        std::vector<std::string_view> args;
+        Error error;
+        OptionSet allowed = OptionSet::All;
+    };
+    const Case cases[] = {
+        {{"--cols", "0"}, Error::InvalidOptionValue},
+        {{"--cols", "65536"}, Error::InvalidOptionValue},
+        {{"--cols", "-0"}, Error::InvalidOptionValue},
+        {{"--cols", "--rows"}, Error::InvalidOptionValue},
+        {{"--cols", "--dir", "/x"}, Error::InvalidOptionValue},
+        {{"--cols"}, Error::MissingOptionValue},
+        {{"--json"}, Error::UnknownOption},
+        {{"word", "x"}, Error::UnknownOption},
+        {{"--cols", "1", "--cols", "x"}, Error::DuplicateOption},
+        {{"--cmd", ""}, Error::InvalidOptionValue},
+        {{"--dir", "rel"}, Error::InvalidDirectory},
+        {{"--dir", ""}, Error::InvalidDirectory},
+        {{"--cmd", "x"}, Error::UnknownOption, OptionSet::DimensionsOnly},
+        {{"--cmd"}, Error::MissingOptionValue, OptionSet::DimensionsOnly},
+        {{"--workspace-id", kUuid, "--replica-id", kUuid2}, Error::InvalidOptionValue},
+        {{"--agent-kind", "x"}, Error::InvalidOptionValue},
+        {{"--lease-generation", "x"}, Error::InvalidOptionValue}};
+    for (const Case& c : cases)
+        EXPECT_EQ(outcome(parse(c.args, c.allowed)), errorName(c.error))
+            << testing::PrintToString(c.args);
 }
 
-const std::string kLongName(129, 'a');
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, RefusedOptions,
-    testing::Values(
-        RefusedCase{{"--cols", "0"}, OptionSet::All, Error::InvalidOptionValue},
-        RefusedCase{{"--cols", "65536"}, OptionSet::All, Error::InvalidOptionValue},
-        RefusedCase{{"--cols", "-0"}, OptionSet::All, Error::InvalidOptionValue},
-        RefusedCase{{"--cols", "--rows"}, OptionSet::All, Error::InvalidOptionValue},
-        RefusedCase{{"--cols", "--dir", "/x"}, OptionSet::All, Error::InvalidOptionValue},
-        RefusedCase{{"--cols"}, OptionSet::All, Error::MissingOptionValue},
-        RefusedCase{{"--json"}, OptionSet::All, Error::UnknownOption},
-        RefusedCase{{"word", "x"}, OptionSet::All, Error::UnknownOption},
-        RefusedCase{{"--cols", "1", "--cols", "x"}, OptionSet::All, Error::DuplicateOption},
-        RefusedCase{{"--cmd", ""}, OptionSet::All, Error::InvalidOptionValue},
-        RefusedCase{{"--dir", "rel"}, OptionSet::All, Error::InvalidDirectory},
-        RefusedCase{{"--dir", ""}, OptionSet::All, Error::InvalidDirectory},
-        RefusedCase{{"--cmd", "x"}, OptionSet::DimensionsOnly, Error::UnknownOption},
-        RefusedCase{{"--cmd"}, OptionSet::DimensionsOnly, Error::MissingOptionValue},
-        RefusedCase{{"--workspace-id", kUuid, "--replica-id", kUuid2},
-                    OptionSet::All,
-                    Error::InvalidOptionValue},
-        RefusedCase{{"--agent-kind", "x"}, OptionSet::All, Error::InvalidOptionValue},
-        RefusedCase{{"--lease-generation", "x"}, OptionSet::All, Error::InvalidOptionValue}));
-
-TEST(SpawnOptions, DimensionsOnlyAcceptsDir) {
-    auto options = parse({"--dir", "/x", "--cols", "100"}, OptionSet::DimensionsOnly);
-    ASSERT_TRUE(options);
-    EXPECT_EQ(options->cols, 100);
+// The rules apply in a fixed order; empty fields are absent.
+TEST(PortableMetadata, ValidationOrder) {
+    const std::string name128(128, 'a'), name129(129, 'a');
+    const std::pair<PortableMetadata, const char*> cases[] = {
+        {{}, "ok"},
+        {{kUuid, kUuid2, 0, "", "", ""}, "ok"},
+        {{kUuid, kUuid2, 7, "", name128, ""}, "ok"},
+        {{"", "", 3, "", "", ""}, "IncompleteLeaseMetadata"},
+        {{"", "", std::nullopt, "", "k", ""}, "IncompleteLeaseMetadata"},
+        {{kUuid, "", 1, "", "", ""}, "IncompleteLeaseMetadata"},
+        {{kUuid, kUuid2, std::nullopt, "", "", ""}, "IncompleteLeaseMetadata"},
+        {{"0123ABCD-0123-4567-89ab-0123456789ab", kUuid2, 7, "", "", ""}, "InvalidWorkspaceId"},
+        {{"0123abcd0123456789ab0123456789ab", kUuid2, 7, "", "", ""}, "InvalidWorkspaceId"},
+        {{"bad", kUuid2, 7, "", "", "bad id"}, "InvalidWorkspaceId"},
+        {{kUuid, "x", 7, "", "", ""}, "InvalidReplicaId"},
+        {{kUuid, kUuid2, 7, "x", "", ""}, "InvalidMigrationId"},
+        {{kUuid, kUuid2, 7, "", "a/b", ""}, "InvalidAgentKind"},
+        {{kUuid, kUuid2, 7, "", "a b", ""}, "InvalidAgentKind"},
+        {{kUuid, kUuid2, 7, "", name129, ""}, "InvalidAgentKind"},
+        {{kUuid, kUuid2, 7, "", "", "\xc3\xa9"}, "InvalidAdapterId"}};
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(outcome(validatePortableMetadata(cases[i].first)), cases[i].second) << i;
 }
-
-struct PortableCase {
-    PortableMetadata metadata;
-    std::optional<Error> error;
-};
-
-void PrintTo(const PortableCase& c, std::ostream* os) {
-    *os << (c.error ? errorName(*c.error) : "ok");
-}
-
-class PortableValidation : public testing::TestWithParam<PortableCase> {};
-
-TEST_P(PortableValidation, ChecksInOrder) {
-    auto result = validatePortableMetadata(GetParam().metadata);
-    if (!GetParam().error) {
-        EXPECT_TRUE(result) << errorName(result.error());
-    } else {
-        ASSERT_FALSE(result);
-        EXPECT_EQ(result.error(), *GetParam().error);
-    }
-}
-
-PortableMetadata full() {
-    return {kUuid, kUuid2, 7, "", "", ""};
-}
-PortableMetadata with(void (*change)(PortableMetadata&)) {
-    PortableMetadata m = full();
-    change(m);
-    return m;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, PortableValidation,
-    testing::Values(
-        PortableCase{{}, std::nullopt}, PortableCase{full(), std::nullopt},
-        PortableCase{{"", "", 3, "", "", ""}, Error::IncompleteLeaseMetadata},
-        PortableCase{{"", "", std::nullopt, "", "k", ""}, Error::IncompleteLeaseMetadata},
-        PortableCase{{kUuid, "", 1, "", "", ""}, Error::IncompleteLeaseMetadata},
-        PortableCase{{kUuid, kUuid2, std::nullopt, "", "", ""}, Error::IncompleteLeaseMetadata},
-        PortableCase{with([](PortableMetadata& m) {
-                         m.workspaceId = "0123ABCD-0123-4567-89ab-0123456789ab";
-                     }),
-                     Error::InvalidWorkspaceId},
-        PortableCase{with([](PortableMetadata& m) {
-                         m.workspaceId = "0123abcd012345678"
-                                         "9ab0123456789ab";
-                     }),
-                     Error::InvalidWorkspaceId},
-        PortableCase{with([](PortableMetadata& m) { m.replicaId = "x"; }), Error::InvalidReplicaId},
-        PortableCase{with([](PortableMetadata& m) { m.migrationId = "x"; }),
-                     Error::InvalidMigrationId},
-        PortableCase{with([](PortableMetadata& m) { m.agentKind = "a/b"; }),
-                     Error::InvalidAgentKind},
-        PortableCase{with([](PortableMetadata& m) { m.agentKind = "a b"; }),
-                     Error::InvalidAgentKind},
-        PortableCase{with([](PortableMetadata& m) { m.agentKind = std::string(129, 'a'); }),
-                     Error::InvalidAgentKind},
-        PortableCase{with([](PortableMetadata& m) { m.agentKind = std::string(128, 'a'); }),
-                     std::nullopt},
-        PortableCase{with([](PortableMetadata& m) { m.adapterId = "é"; }), Error::InvalidAdapterId},
-        PortableCase{with([](PortableMetadata& m) {
-                         m.workspaceId = "bad";
-                         m.adapterId = "bad id";
-                     }),
-                     Error::InvalidWorkspaceId}));
 
 } // namespace
 } // namespace tovel

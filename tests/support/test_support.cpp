@@ -10,12 +10,57 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sstream>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 namespace tovel::test {
+
+namespace {
+
+// In a forked child: applies the environment changes and runs the binary
+// with descriptors 0, 1 and 2 only, whatever the test process inherited.
+[[noreturn]] void execBinary(const std::vector<std::string>& args, const Env& env) {
+    ::close_range(3, ~0U, 0);
+    for (const auto& [name, value] : env) {
+        if (value)
+            ::setenv(name.c_str(), value->c_str(), 1);
+        else
+            ::unsetenv(name.c_str());
+    }
+    std::vector<const char*> argv{binaryPath()};
+    for (const auto& arg : args)
+        argv.push_back(arg.c_str());
+    argv.push_back(nullptr);
+    ::execv(argv[0], const_cast<char* const*>(argv.data()));
+    ::_exit(127);
+}
+
+// True once `pid` has ended; it stays to be reaped.
+bool ended(int pid) {
+    siginfo_t info{};
+    return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == pid;
+}
+
+int reap(int pid) {
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+} // namespace
+
+int millisecondsUntil(std::chrono::steady_clock::time_point end) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    end - std::chrono::steady_clock::now())
+                    .count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
 
 TempDir::TempDir() {
     char pattern[] = "/tmp/tvt.XXXXXX";
@@ -34,105 +79,56 @@ void TempDir::writeFile(const std::string& relative, const std::string& content)
     std::ofstream(full, std::ios::binary) << content;
 }
 
-RunResult runBinary(const std::vector<std::string>& args, const RunOptions& options) {
-    int in[2], out[2], err[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
-        return {};
-    std::vector<std::string> storage;
-    storage.push_back(binaryPath());
-    storage.insert(storage.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& arg : storage)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
 
+RunOptions runtimeOptions(const std::string& dir) {
+    RunOptions run;
+    run.env = {{"TOVEL_PTYD_DIR", dir}, {"NO_COLOR", "1"}, {"CLICOLOR_FORCE", std::nullopt},
+               {"SHELL", "/bin/sh"},    {"HOME", dir},     {"ENV", std::nullopt}};
+    return run;
+}
+
+RunResult runBinary(const std::vector<std::string>& args, const RunOptions& options) {
+    // The streams go through files: the result is complete once the child
+    // has ended, whatever its own children still hold.
+    TempDir io;
+    io.writeFile("in", options.input);
+    std::string paths[3] = {io.path() + "/in", io.path() + "/out", io.path() + "/err"};
     pid_t pid = ::fork();
+    if (pid < 0)
+        return {};
     if (pid == 0) {
         ::setpgid(0, 0);
-        for (const auto& [name, value] : options.env) {
-            if (value)
-                ::setenv(name.c_str(), value->c_str(), 1);
-            else
-                ::unsetenv(name.c_str());
+        for (int fd = 0; fd < 3; ++fd) {
+            int opened = ::open(paths[fd].c_str(),
+                                (fd == 0 ? O_RDONLY : O_WRONLY | O_CREAT) | O_CLOEXEC, 0600);
+            ::dup2(opened, fd);
         }
-        ::dup2(in[0], 0);
-        ::dup2(out[1], 1);
-        ::dup2(err[1], 2);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
+        execBinary(args, options.env);
     }
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    if (!options.input.empty()) {
-        ssize_t ignored = ::write(in[1], options.input.data(), options.input.size());
-        (void)ignored;
+    pollfd exit{static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+    auto end = std::chrono::steady_clock::now() + options.deadline;
+    while (::poll(&exit, 1, millisecondsUntil(end)) < 0 && errno == EINTR) {
     }
-    ::close(in[1]);
-
-    RunResult result;
-    auto deadline = std::chrono::steady_clock::now() + options.deadline;
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    int open = 2;
-    while (open > 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0) {
-            ::kill(-pid, SIGKILL);
-            ::kill(pid, SIGKILL);
-            break;
-        }
-        if (::poll(fds, 2, static_cast<int>(left)) < 0 && errno != EINTR)
-            break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0)
-                continue;
-            char buffer[65536];
-            ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
-            if (n <= 0) {
-                ::close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-                continue;
-            }
-            (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
-        }
+    ::close(exit.fd);
+    if (!ended(pid)) {
+        ::kill(-pid, SIGKILL);
+        ::kill(pid, SIGKILL);
     }
-    for (auto& entry : fds) {
-        if (entry.fd >= 0)
-            ::close(entry.fd);
-    }
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
+    return {reap(pid), readFile(paths[1]), readFile(paths[2])};
 }
 
 PtyProcess::PtyProcess(const std::vector<std::string>& args, const RunOptions& options,
                        unsigned short cols, unsigned short rows) {
-    std::vector<std::string> storage;
-    storage.push_back(binaryPath());
-    storage.insert(storage.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& arg : storage)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    winsize size{};
-    size.ws_col = cols;
-    size.ws_row = rows;
+    winsize size{rows, cols, 0, 0};
     pid_ = ::forkpty(&master_, nullptr, nullptr, &size);
-    if (pid_ == 0) {
-        for (const auto& [name, value] : options.env) {
-            if (value)
-                ::setenv(name.c_str(), value->c_str(), 1);
-            else
-                ::unsetenv(name.c_str());
-        }
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
+    if (pid_ == 0)
+        execBinary(args, options.env);
     if (master_ >= 0)
         ::fcntl(master_, F_SETFD, FD_CLOEXEC);
 }
@@ -141,9 +137,7 @@ PtyProcess::~PtyProcess() {
     if (pid_ > 0 && status_ < 0) {
         ::kill(-pid_, SIGKILL);
         ::kill(pid_, SIGKILL);
-        int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
+        reap(pid_);
     }
     if (master_ >= 0)
         ::close(master_);
@@ -164,33 +158,24 @@ bool PtyProcess::readSome(int timeoutMs) {
 bool PtyProcess::readUntil(const std::string& needle, std::chrono::milliseconds deadline) {
     auto end = std::chrono::steady_clock::now() + deadline;
     while (output_.find(needle) == std::string::npos) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        end - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0)
-            return false;
-        if (!readSome(static_cast<int>(std::min<long long>(left, 50))) &&
-            ::waitpid(pid_, nullptr, WNOHANG | WNOWAIT) == pid_ && !readSome(0))
+        int left = millisecondsUntil(end);
+        if (left <= 0 || (!readSome(std::min(left, 50)) && ended(pid_) && !readSome(0)))
             return output_.find(needle) != std::string::npos;
     }
     return true;
 }
 
 void PtyProcess::write(const std::string& bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
+    for (std::size_t done = 0; done < bytes.size();) {
         ssize_t n = ::write(master_, bytes.data() + done, bytes.size() - done);
-        if (n <= 0 && errno != EINTR)
+        if (n < 0 && errno != EINTR)
             return;
-        if (n > 0)
-            done += static_cast<std::size_t>(n);
+        done += static_cast<std::size_t>(std::max<ssize_t>(n, 0));
     }
 }
 
 void PtyProcess::resize(unsigned short cols, unsigned short rows) {
-    winsize size{};
-    size.ws_col = cols;
-    size.ws_row = rows;
+    winsize size{rows, cols, 0, 0};
     ::ioctl(master_, TIOCSWINSZ, &size);
 }
 
@@ -199,11 +184,10 @@ int PtyProcess::waitExit(std::chrono::milliseconds deadline) {
         return status_;
     auto end = std::chrono::steady_clock::now() + deadline;
     while (std::chrono::steady_clock::now() < end) {
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+        if (ended(pid_)) {
             while (readSome(0)) {
             }
-            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            status_ = reap(pid_);
             return status_;
         }
         readSome(10);

@@ -31,6 +31,9 @@ class TempDir {
     std::string path_;
 };
 
+// Environment changes for a child: nullopt unsets.
+using Env = std::map<std::string, std::optional<std::string>>;
+
 struct RunResult {
     int status = -1; // exit status, or 128 + signal
     std::string out;
@@ -38,10 +41,14 @@ struct RunResult {
 };
 
 struct RunOptions {
-    std::map<std::string, std::optional<std::string>> env; // nullopt unsets
-    std::string input;                                     // fed to standard input
+    Env env;
+    std::string input; // fed to standard input
     std::chrono::milliseconds deadline{10000};
 };
+
+// Running against the runtime directory `dir`: no colour, and a plain
+// /bin/sh login shell whose HOME is `dir`, so that start-up files stay empty.
+RunOptions runtimeOptions(const std::string& dir);
 
 // Runs the binary with `args`, collecting both streams; killed at the deadline.
 RunResult runBinary(const std::vector<std::string>& args, const RunOptions& options = {});
@@ -80,5 +87,11 @@ class PtyProcess {
 // Polls `condition` every few milliseconds until it holds or the deadline passes.
 bool waitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+
+// The whole content of a file; empty when it cannot be read.
+std::string readFile(const std::string& path);
+
+// Milliseconds left until `end`, never below zero.
+int millisecondsUntil(std::chrono::steady_clock::time_point end);
 
 } // namespace tovel::test

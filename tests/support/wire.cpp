@@ -9,14 +9,11 @@
 #include <unistd.h>
 #include <utility>
 
+#include "support/test_support.hpp"
+
 namespace tovel::test {
 
 namespace {
-
-void putU32(std::string& out, std::uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-        out.push_back(static_cast<char>((value >> shift) & 0xff));
-}
 
 sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
@@ -25,36 +22,47 @@ sockaddr_un addressOf(const std::string& path) {
     return address;
 }
 
-int remainingMs(std::chrono::steady_clock::time_point end) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    end - std::chrono::steady_clock::now())
-                    .count();
-    return left > 0 ? static_cast<int>(left) : 0;
+// Reads frames until `done` holds for one; collects Output payloads on the way.
+template <typename Done>
+Collected collect(WireConnection& connection, std::chrono::milliseconds deadline, Done done) {
+    Collected collected;
+    auto end = std::chrono::steady_clock::now() + deadline;
+    while (auto got = connection.readFrame(std::chrono::milliseconds(millisecondsUntil(end)))) {
+        if (got->type == frame::Output)
+            collected.output += got->payload;
+        if (done(*got, collected)) {
+            collected.found = true;
+            collected.payload = got->payload;
+            break;
+        }
+    }
+    return collected;
 }
 
 } // namespace
 
 std::string frameBytes(std::uint8_t type, const std::string& payload) {
-    std::string out;
-    putU32(out, static_cast<std::uint32_t>(payload.size() + 1));
-    out.push_back(static_cast<char>(type));
-    out.append(payload);
-    return out;
-}
-
-std::string winsizePayload(std::uint16_t cols, std::uint16_t rows) {
-    std::string out;
-    out.push_back(static_cast<char>(cols >> 8));
-    out.push_back(static_cast<char>(cols & 0xff));
-    out.push_back(static_cast<char>(rows >> 8));
-    out.push_back(static_cast<char>(rows & 0xff));
-    return out;
+    return u32Payload(static_cast<std::uint32_t>(payload.size() + 1)) + static_cast<char>(type) +
+           payload;
 }
 
 std::string u32Payload(std::uint32_t value) {
-    std::string out;
-    putU32(out, value);
-    return out;
+    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
+            static_cast<char>(value >> 8), static_cast<char>(value)};
+}
+
+std::string winsizePayload(std::uint16_t cols, std::uint16_t rows) {
+    return u32Payload(static_cast<std::uint32_t>(cols) << 16 | rows);
+}
+
+std::string helloBytes(std::uint8_t version) {
+    return frameBytes(frame::Hello, std::string(1, static_cast<char>(version)));
+}
+
+std::string replayNonce(const std::string& output) {
+    std::size_t at = output.find(kReplayStartPrefix);
+    return at == std::string::npos ? std::string()
+                                   : output.substr(at + kReplayStartPrefix.size(), 32);
 }
 
 WireConnection WireConnection::connectTo(const std::string& path) {
@@ -69,15 +77,6 @@ WireConnection WireConnection::connectTo(const std::string& path) {
 
 WireConnection::WireConnection(WireConnection&& other) noexcept
     : fd_(std::exchange(other.fd_, -1)), pending_(std::move(other.pending_)) {}
-
-WireConnection& WireConnection::operator=(WireConnection&& other) noexcept {
-    if (this != &other) {
-        close();
-        fd_ = std::exchange(other.fd_, -1);
-        pending_ = std::move(other.pending_);
-    }
-    return *this;
-}
 
 WireConnection::~WireConnection() {
     close();
@@ -109,7 +108,7 @@ bool WireConnection::sendFrame(std::uint8_t type, const std::string& payload) {
 bool WireConnection::fill(std::size_t want, std::chrono::steady_clock::time_point end) {
     while (pending_.size() < want) {
         pollfd entry{fd_, POLLIN, 0};
-        if (::poll(&entry, 1, remainingMs(end)) <= 0)
+        if (::poll(&entry, 1, millisecondsUntil(end)) <= 0)
             return false;
         char buffer[65536];
         ssize_t n = ::read(fd_, buffer, sizeof buffer);
@@ -138,47 +137,31 @@ std::optional<WireFrame> WireConnection::readFrame(std::chrono::milliseconds dea
 
 bool WireConnection::closedWithin(std::chrono::milliseconds deadline) {
     auto end = std::chrono::steady_clock::now() + deadline;
-    for (;;) {
-        pollfd entry{fd_, POLLIN, 0};
-        if (::poll(&entry, 1, remainingMs(end)) <= 0)
-            return false;
-        char buffer[65536];
-        ssize_t n = ::read(fd_, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return true;
-    }
+    while (fill(pending_.size() + 1, end))
+        pending_.clear();
+    return millisecondsUntil(end) > 0; // ended before the deadline: closed
 }
 
 WireConnection attachTo(const std::string& socketPath, std::uint16_t cols, std::uint16_t rows) {
     WireConnection connection = WireConnection::connectTo(socketPath);
-    if (connection.connected()) {
-        connection.sendFrame(8, std::string(1, '\1'));
-        connection.sendFrame(1, winsizePayload(cols, rows));
-    }
+    if (connection.connected())
+        connection.send(helloBytes() + frameBytes(frame::Attach, winsizePayload(cols, rows)));
     return connection;
 }
 
 Collected collectUntil(WireConnection& connection, std::uint8_t type,
                        std::chrono::milliseconds deadline) {
-    Collected collected;
-    auto end = std::chrono::steady_clock::now() + deadline;
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            end - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return collected;
-        auto frame = connection.readFrame(left);
-        if (!frame)
-            return collected;
-        if (frame->type == 4)
-            collected.output += frame->payload;
-        if (frame->type == type) {
-            collected.found = true;
-            return collected;
-        }
-    }
+    return collect(connection, deadline,
+                   [&](const WireFrame& f, const Collected&) { return f.type == type; });
+}
+
+Collected collectOutput(WireConnection& connection, const std::string& needle,
+                        std::chrono::milliseconds deadline) {
+    return collect(connection, deadline, [&](const WireFrame& f, const Collected& collected) {
+        std::size_t fresh = f.type == frame::Output ? f.payload.size() + needle.size() : 0;
+        std::size_t from = collected.output.size() > fresh ? collected.output.size() - fresh : 0;
+        return collected.output.find(needle, from) != std::string::npos;
+    });
 }
 
 FakeKeeper::FakeKeeper(const std::string& socketPath) : path_(socketPath) {

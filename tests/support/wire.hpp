@@ -1,5 +1,6 @@
-// Speaking the client-keeper wire protocol inside tests: a small client for
-// driving a real keeper, and a fake keeper for driving the real clients.
+// Speaking the client-keeper wire protocol inside tests: the frame types and
+// replay markers, a small client for driving a real keeper, and a fake keeper
+// for driving the real clients.
 #pragma once
 
 #include <chrono>
@@ -10,6 +11,21 @@
 
 namespace tovel::test {
 
+// Frame type bytes.
+namespace frame {
+inline constexpr std::uint8_t Attach = 1, Input = 2, Resize = 3, Output = 4, Exit = 5, Ping = 6,
+                              Pong = 7, Hello = 8, VersionMismatch = 9, ReplayStart = 10,
+                              ReplayEnd = 11, Shutdown = 12, ShutdownAck = 13, Takeover = 14,
+                              TakeoverAccepted = 15, TakeoverRejected = 16;
+} // namespace frame
+
+// The attach client's replay bracket on the terminal: prefix, 32-digit
+// nonce, then "\x1b\\".
+inline const std::string kReplayStartPrefix = "\x1b]7727;action=pty-replay-start;value=";
+inline const std::string kReplayEndPrefix = "\x18\x1b]7727;action=pty-replay-end;value=";
+// The nonce of the first start marker in `output`, or empty.
+std::string replayNonce(const std::string& output);
+
 struct WireFrame {
     std::uint8_t type = 0;
     std::string payload;
@@ -18,6 +34,8 @@ struct WireFrame {
 std::string frameBytes(std::uint8_t type, const std::string& payload = {});
 std::string winsizePayload(std::uint16_t cols, std::uint16_t rows);
 std::string u32Payload(std::uint32_t value);
+// A Hello frame carrying `version`.
+std::string helloBytes(std::uint8_t version = 1);
 
 // One connected Unix stream socket with frame helpers.
 class WireConnection {
@@ -25,7 +43,6 @@ class WireConnection {
     explicit WireConnection(int fd = -1) : fd_(fd) {}
     static WireConnection connectTo(const std::string& path);
     WireConnection(WireConnection&& other) noexcept;
-    WireConnection& operator=(WireConnection&& other) noexcept;
     ~WireConnection();
 
     [[nodiscard]] bool connected() const { return fd_ >= 0; }
@@ -54,9 +71,13 @@ WireConnection attachTo(const std::string& socketPath, std::uint16_t cols = 80,
 struct Collected {
     std::string output;
     bool found = false;
+    std::string payload; // of the frame that ended the wait
 };
 Collected collectUntil(WireConnection& connection, std::uint8_t type,
                        std::chrono::milliseconds deadline = std::chrono::milliseconds(10000));
+// Reads frames until the Output payloads collected contain `needle`.
+Collected collectOutput(WireConnection& connection, const std::string& needle,
+                        std::chrono::milliseconds deadline = std::chrono::milliseconds(10000));
 
 // A listening socket standing in for a keeper.
 class FakeKeeper {
