@@ -21,12 +21,7 @@ namespace tovel {
 
 namespace {
 
-struct StepFailure {
-    Error error;
-    int osError;
-};
-
-StepFailure failedCall(Error error) {
+SpawnFailure failedCall(Error error) {
     return {error, errno};
 }
 
@@ -84,7 +79,7 @@ Result<> markCloseOnExecFrom(int first) {
 }
 
 // The session step; in a Detached plan only the grandchild returns.
-std::optional<StepFailure> setUpSession(const ChildPlan& plan) {
+std::optional<SpawnFailure> setUpSession(const ChildPlan& plan) {
     if (plan.session == SessionSetup::Inherit)
         return std::nullopt;
     if (!sys::setsid())
@@ -103,7 +98,7 @@ std::optional<StepFailure> setUpSession(const ChildPlan& plan) {
 }
 
 // Runs only in the forked child; returns only on failure.
-StepFailure runPlan(const ChildPlan& plan) {
+SpawnFailure runPlan(const ChildPlan& plan) {
     for (int signal : plan.defaultSignals)
         (void)sys::setSignalDefault(signal);
     if (auto failed = setUpSession(plan))
@@ -137,12 +132,10 @@ StepFailure runPlan(const ChildPlan& plan) {
     return {error, osError};
 }
 
-[[noreturn]] void reportFailure(const FailureReport& report, StepFailure failure) {
-    if (report.recordFd >= 0) {
-        SpawnFailure record{failure.error, failure.osError};
+[[noreturn]] void reportFailure(const FailureReport& report, SpawnFailure failure) {
+    if (report.recordFd >= 0)
         (void)sys::write(report.recordFd,
-                         std::string_view(reinterpret_cast<const char*>(&record), sizeof record));
-    }
+                         std::string_view(reinterpret_cast<const char*>(&failure), sizeof failure));
     if (report.byteFd >= 0)
         (void)sys::write(report.byteFd, std::string_view(&report.byte, 1));
     sys::exitImmediately(kSpawnFailureStatus);

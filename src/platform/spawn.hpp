@@ -25,7 +25,8 @@ constexpr std::string_view kDefaultSearchPath = "/usr/local/bin:/bin/:/usr/bin";
 // to `to` the descriptor stays where it is. Every descriptor this program
 // opens is close-on-exec from birth, so the program receives these, and
 // whatever this process itself inherited without close-on-exec (see
-// ChildPlan::closeOnExecFrom).
+// ChildPlan::closeOnExecFrom). Placements happen in order, so a `from` must
+// not be an earlier placement's `to`.
 struct FdPlacement {
     int from = -1;
     int to = -1;
