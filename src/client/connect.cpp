@@ -11,13 +11,12 @@
 #include "client/terminal_mode.hpp"
 #include "platform/process.hpp"
 #include "platform/pty.hpp"
+#include "platform/spawn.hpp"
 #include "platform/system.hpp"
 
 #include <charconv>
 #include <sys/wait.h>
 #include <vector>
-
-extern char** environ;
 
 namespace tovel {
 
@@ -25,7 +24,6 @@ namespace {
 
 constexpr std::size_t kNewOutputSize = 64;
 constexpr std::size_t kShortIdLength = 8;
-constexpr int kExecFailureStatus = 127;
 
 int reportedStatus(int waitStatus) {
     if (WIFEXITED(waitStatus))
@@ -46,25 +44,17 @@ Result<NewOutcome> runNewChild(sys::WindowSize size) {
     std::string executable = TRY(sys::selfExecutablePath());
     std::vector<std::string> arguments = {executable,         "new",    "--cols",
                                           decimal(size.cols), "--rows", decimal(size.rows)};
-    std::vector<char*> argv;
-    for (auto& argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv = argumentPointers(arguments);
 
     auto output = sys::pipe();
     if (!output)
         return fail(descriptorCreationError(output.error()));
-    pid_t pid = TRY(sys::fork());
-    if (pid == 0) {
-        output->readEnd.reset();
-        if (sys::dup2(output->writeEnd.get(), 1)) {
-            auto failed = sys::execve(executable.c_str(), argv.data(), environ);
-            (void)sys::write(2, "execvpe failed: ");
-            (void)sys::write(2, errorName(failed.error()));
-            (void)sys::write(2, "\n");
-        }
-        sys::exitImmediately(kExecFailureStatus);
-    }
+    ChildPlan child;
+    child.placements = {{output->writeEnd.get(), 1}};
+    child.candidates = std::span(&executable, 1);
+    child.argv = argv.data();
+    child.report = {.messageFd = 2, .messagePrefix = "execvpe failed: "};
+    pid_t pid = TRY(spawnChild(child));
     output->writeEnd.reset();
 
     NewOutcome outcome;

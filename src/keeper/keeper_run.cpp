@@ -6,6 +6,7 @@
 
 #include "cli/log.hpp"
 #include "cli/runtime_dir.hpp"
+#include "client/protocol/keeper_arguments.hpp"
 #include "client/protocol/session_address.hpp"
 #include "keeper/keeper_loop.hpp"
 #include "keeper/self_heal.hpp"
@@ -15,6 +16,7 @@
 #include "platform/process.hpp"
 #include "platform/signal.hpp"
 #include "platform/socket.hpp"
+#include "platform/spawn.hpp"
 #include "platform/system.hpp"
 
 #include <csignal>
@@ -24,8 +26,6 @@ namespace tovel {
 namespace {
 
 constexpr int kListenBacklog = 8;
-constexpr char kReadyByte = 'R';
-constexpr char kFailedByte = 'F';
 
 void reportReadiness(int readyFd, char byte) {
     (void)sys::write(readyFd, std::string_view(&byte, 1));
@@ -72,12 +72,6 @@ Result<std::string> recordedDirectory(std::string_view cwd) {
     return cwd.empty() ? here : joinPath(here, cwd);
 }
 
-void killShell(pid_t pid) {
-    (void)sys::killProcessGroup(pid, SIGKILL);
-    (void)sys::kill(pid, SIGKILL);
-    (void)sys::waitpid(pid, sys::WaitMode::Block);
-}
-
 Result<std::unique_ptr<KeeperLoop>> startUp(std::string_view id, const SpawnOptions& options) {
     UniqueFd abstract = TRY(listenOnAbstractName(id));
     auto lock = acquireSessionLock(id);
@@ -117,7 +111,7 @@ Result<std::unique_ptr<KeeperLoop>> startUp(std::string_view id, const SpawnOpti
     if (routed)
         routed = sys::setSignalIgnored(SIGPIPE);
     if (!written || !routed) {
-        killShell(shell.pid);
+        killGroupAndReap(shell.pid);
         (void)sys::unlink(metadataPath);
         return fail(!written ? written.error() : routed.error());
     }
@@ -147,10 +141,10 @@ Result<int> runKeeper(std::string_view id, const SpawnOptions& options, int read
     sys::returnLargeBuffersToSystem();
     auto started = startUp(id, options);
     if (!started) {
-        reportReadiness(readyFd, kFailedByte);
+        reportReadiness(readyFd, kKeeperFailedByte);
         return fail(started.error());
     }
-    reportReadiness(readyFd, kReadyByte);
+    reportReadiness(readyFd, kKeeperReadyByte);
     // The loop (and with it the lock) lives until the files are gone.
     std::uint32_t status = (*started)->run();
     removeEndedSessionFiles(id);

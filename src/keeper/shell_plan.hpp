@@ -5,6 +5,7 @@
 #pragma once
 
 #include "platform/error.hpp"
+#include "platform/spawn.hpp"
 
 #include <optional>
 #include <string>
@@ -18,7 +19,6 @@ constexpr std::size_t kMaxLoginNameLength = 4094;
 constexpr std::size_t kMaxCommandLength = 65535;
 constexpr std::size_t kMaxWorkingDirectoryLength = 4095;
 constexpr std::string_view kFallbackShell = "/bin/bash";
-constexpr std::string_view kDefaultSearchPath = "/usr/local/bin:/bin/:/usr/bin";
 // Run through the login shell so that its start-up files apply: clears a TERM
 // trap the login files may have set, then becomes the shell running the
 // command. Inside it $1 is the command and $2 the shell path.
@@ -43,16 +43,6 @@ struct ShellPlan {
 [[nodiscard]] ShellPlan planShell(std::string_view cmd, std::string_view cwd,
                                   std::optional<std::string_view> shellVariable,
                                   std::optional<std::string_view> pathVariable);
-
-// The paths to try for `program`: itself when it holds a "/", else each
-// directory of the search path (the default one when PATH is absent).
-[[nodiscard]] std::vector<std::string>
-programCandidates(std::string_view program, std::optional<std::string_view> pathVariable);
-
-// Executes the first candidate that runs, as execvp does, with the current
-// environment; returns only on failure, with the error to report. Safe
-// between fork and exec.
-[[nodiscard]] Error execCandidates(const std::vector<std::string>& candidates, char* const argv[]);
 
 // The login shell's argument zero: "-" and the base name of `shellPath`
 // (trailing slashes removed; empty for an empty or all-slash path).

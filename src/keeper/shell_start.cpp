@@ -5,12 +5,10 @@
 #include "cli/log.hpp"
 #include "keeper/shell_plan.hpp"
 #include "platform/env.hpp"
-#include "platform/process.hpp"
 #include "platform/pty.hpp"
-#include "platform/signal.hpp"
+#include "platform/spawn.hpp"
 #include "platform/system.hpp"
 
-#include <cerrno>
 #include <csignal>
 
 namespace tovel {
@@ -18,78 +16,11 @@ namespace tovel {
 namespace {
 
 constexpr int kExecHandshakeTimeoutMs = 5000;
-constexpr std::size_t kHandshakeReadSize = 256;
-constexpr int kChildFailureStatus = 127;
 
 // The signals whose inherited handlers or ignored state must not reach the
 // shell; ignored dispositions survive exec.
 constexpr int kSignalsResetInChild[] = {SIGHUP, SIGINT,  SIGQUIT, SIGILL,  SIGTRAP, SIGABRT, SIGBUS,
                                         SIGFPE, SIGSEGV, SIGPIPE, SIGALRM, SIGTERM, SIGCHLD};
-
-// The working-directory failures the shell's starter reports, coarser than
-// the general errno names.
-Error chdirError(Error error) {
-    switch (error) {
-    case Error::PermissionDenied:
-    case Error::AccessDenied:
-        return Error::AccessDenied;
-    case Error::FileNotFound:
-    case Error::NotDir:
-    case Error::NameTooLong:
-        return error;
-    case Error::InputOutput:
-    case Error::SymLinkLoop:
-        return Error::FileSystem;
-    default:
-        return Error::Unexpected;
-    }
-}
-
-// Runs only in the forked child: set up the terminal and exec the shell.
-// Returns only on failure, with the error to report.
-Error setUpChild(const ShellPlan& plan, sys::Pty& pty) {
-    int slave = pty.slave.get();
-    for (int signal : kSignalsResetInChild)
-        (void)sys::setSignalDefault(signal);
-    if (!sys::setsid())
-        return Error::ProcessGroupFailed;
-    if (auto controlling = sys::setControllingTerminal(slave); !controlling) {
-        int saved = errno;
-        if (saved != 0) {
-            logError(LogScope::Pty, "error setting controlling terminal errno=", ErrnoName{saved});
-            return Error::SetControllingTerminalFailed;
-        }
-    }
-    for (int target = 0; target <= 2; ++target) {
-        if (auto duplicated = sys::dup2(slave, target); !duplicated)
-            return duplicated.error();
-    }
-    if (slave > 2)
-        pty.slave.reset();
-    pty.master.reset();
-    if (!plan.cwd.empty()) {
-        if (plan.cwdError)
-            return *plan.cwdError;
-        if (auto changed = sys::chdir(plan.cwd.c_str()); !changed)
-            return chdirError(changed.error());
-    }
-    if (plan.shellError)
-        return *plan.shellError;
-    if (plan.argvError)
-        return *plan.argvError;
-    return execCandidates(plan.candidates, plan.argv.data());
-}
-
-[[noreturn]] void reportChildFailure(int pipeFd, Error error) {
-    (void)sys::write(pipeFd, errorName(error));
-    sys::exitImmediately(kChildFailureStatus);
-}
-
-void killAndReap(pid_t pid) {
-    (void)sys::killProcessGroup(pid, SIGKILL);
-    (void)sys::kill(pid, SIGKILL);
-    (void)sys::waitpid(pid, sys::WaitMode::Block);
-}
 
 // Waits for the child's word: end of file means the exec happened.
 Result<> awaitExec(pid_t pid, int pipeFd) {
@@ -101,14 +32,15 @@ Result<> awaitExec(pid_t pid, int pipeFd) {
         logError(LogScope::Keeper, "shell exec timed out pid=", pid);
         return fail(Error::ShellExecTimeout);
     }
-    char reason[kHandshakeReadSize];
-    auto got = sys::read(pipeFd, std::span(reason, sizeof reason));
-    if (!got)
+    auto failure = readSpawnFailure(pipeFd);
+    if (!failure)
         return fail(Error::ShellExecHandshakeFailed);
-    if (*got == 0)
+    if (!*failure)
         return {};
-    logError(LogScope::Keeper, "shell exec failed pid=", pid,
-             " reason=", std::string_view(reason, *got));
+    if ((*failure)->error == Error::SetControllingTerminalFailed)
+        logError(LogScope::Pty,
+                 "error setting controlling terminal errno=", ErrnoName{(*failure)->osError});
+    logError(LogScope::Keeper, "shell exec failed pid=", pid, " reason=", (*failure)->error);
     return fail(Error::ShellExecFailed);
 }
 
@@ -124,21 +56,29 @@ Result<ShellProcess> startShell(std::uint16_t cols, std::uint16_t rows, std::str
     TRY(sys::setTerminalAttributes(pty.slave.get(), attributes, TCSANOW));
     sys::Pipe handshake = TRY(sys::pipe());
 
-    pid_t pid = TRY(sys::fork());
-    if (pid == 0) {
-        handshake.readEnd.reset();
-        Error error = setUpChild(plan, pty);
-        reportChildFailure(handshake.writeEnd.get(), error);
-    }
+    int slave = pty.slave.get();
+    ChildPlan child;
+    child.defaultSignals = kSignalsResetInChild;
+    child.session = SessionSetup::NewWithTerminal;
+    child.terminal = slave;
+    child.closeOnExecFrom = 3;
+    child.placements = {{slave, 0}, {slave, 1}, {slave, 2}};
+    child.cwd = plan.cwd.empty() ? nullptr : plan.cwd.c_str();
+    child.cwdError = plan.cwdError;
+    child.execError = plan.shellError ? plan.shellError : plan.argvError;
+    child.candidates = plan.candidates;
+    child.argv = plan.argv.data();
+    child.report.recordFd = handshake.writeEnd.get();
+    pid_t pid = TRY(spawnChild(child));
 
     handshake.writeEnd.reset();
     pty.slave.reset();
     if (auto nonBlocking = sys::setNonBlocking(pty.master.get()); !nonBlocking) {
-        killAndReap(pid);
+        killGroupAndReap(pid);
         return fail(nonBlocking.error());
     }
     if (auto confirmed = awaitExec(pid, handshake.readEnd.get()); !confirmed) {
-        killAndReap(pid);
+        killGroupAndReap(pid);
         return fail(confirmed.error());
     }
     return ShellProcess{std::move(pty.master), pid};

@@ -10,10 +10,10 @@
 #include "platform/clock.hpp"
 #include "platform/env.hpp"
 #include "platform/process.hpp"
+#include "platform/spawn.hpp"
 #include "platform/system.hpp"
 
 #include <algorithm>
-#include <csignal>
 #include <fcntl.h>
 #include <sys/wait.h>
 
@@ -23,7 +23,6 @@ namespace {
 
 constexpr int kProbePolls = 500;
 constexpr int kProbePollIntervalMs = 10;
-constexpr int kProbeExecFailureStatus = 127;
 // Starts as an interactive login shell so that the user's start-up files
 // set the search path, then becomes a plain shell running the check.
 constexpr std::string_view kProbeScript = "trap - TERM; exec \"$1\" -c \"$2\"";
@@ -109,27 +108,20 @@ Result<ToolState> probeTool(std::string_view tool) {
     command.append(tool).append("\" >/dev/null 2>&1");
     std::vector<std::string> arguments = {
         shell, "-lic", std::string(kProbeScript), std::string(kProbeScriptName), shell, command};
-    std::vector<char*> argv;
-    for (auto& argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv = argumentPointers(arguments);
     std::vector<std::string> candidates = programCandidates(shell, sys::getEnv("PATH"));
     UniqueFd null = TRY(sys::open("/dev/null", O_RDWR));
 
-    auto pid = sys::fork();
+    ChildPlan child;
+    child.placements = {{null.get(), 1}, {null.get(), 2}};
+    child.candidates = candidates;
+    child.argv = argv.data();
+    child.report = {.messageFd = 2, .messagePrefix = "preflight: failed to execute login shell: "};
+    auto pid = spawnChild(child);
     if (!pid)
         return fail(pid.error() == Error::WouldBlock || pid.error() == Error::SystemResources
                         ? Error::SystemResources
                         : Error::Unexpected);
-    if (*pid == 0) {
-        (void)sys::dup2(null.get(), 1);
-        (void)sys::dup2(null.get(), 2);
-        Error error = execCandidates(candidates, argv.data());
-        (void)sys::write(2, "preflight: failed to execute login shell: ");
-        (void)sys::write(2, errorName(error));
-        (void)sys::write(2, "\n");
-        sys::exitImmediately(kProbeExecFailureStatus);
-    }
 
     for (int poll = 0; poll < kProbePolls; ++poll) {
         auto waited = sys::waitpid(*pid, sys::WaitMode::NoHang);
@@ -139,8 +131,7 @@ Result<ToolState> probeTool(std::string_view tool) {
         }
         (void)sys::sleepMs(kProbePollIntervalMs);
     }
-    (void)sys::kill(*pid, SIGKILL);
-    (void)sys::waitpid(*pid, sys::WaitMode::Block);
+    killGroupAndReap(*pid);
     return ToolState::Missing;
 }
 
