@@ -23,11 +23,6 @@ constexpr int kLaunchFailureStatus = 127;
 constexpr char kReadyByte = 'R';
 constexpr char kFailedByte = 'F';
 
-Error forkError(Error error) {
-    return error == Error::WouldBlock || error == Error::SystemResources ? Error::SystemResources
-                                                                         : Error::Unexpected;
-}
-
 // The keeper's 14-entry argument vector; an empty string means absent.
 std::vector<std::string> keeperArguments(const std::string& executable, std::string_view id,
                                          const SpawnOptions& options, int readyFd) {
@@ -93,7 +88,7 @@ Result<LaunchOutcome> launchKeeper(std::string_view id, const SpawnOptions& opti
 
     auto pid = sys::fork();
     if (!pid)
-        return fail(forkError(pid.error()));
+        return fail(processCreationError(pid.error()));
     if (*pid == 0) {
         ready->readEnd.reset();
         runFirstChild(ready->writeEnd.get(), executable.c_str(), argv.data());

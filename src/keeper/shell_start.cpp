@@ -29,20 +29,11 @@ constexpr int kSignalsResetInChild[] = {SIGHUP, SIGINT,  SIGQUIT, SIGILL,  SIGTR
 // The working-directory failures the shell's starter reports, coarser than
 // the general errno names.
 Error chdirError(Error error) {
-    switch (error) {
-    case Error::PermissionDenied:
-    case Error::AccessDenied:
-        return Error::AccessDenied;
-    case Error::FileNotFound:
-    case Error::NotDir:
-    case Error::NameTooLong:
-        return error;
-    case Error::InputOutput:
-    case Error::SymLinkLoop:
-        return Error::FileSystem;
-    default:
-        return Error::Unexpected;
-    }
+    return narrowError(
+        error, {Error::AccessDenied, Error::FileNotFound, Error::NotDir, Error::NameTooLong},
+        {{Error::PermissionDenied, Error::AccessDenied},
+         {Error::InputOutput, Error::FileSystem},
+         {Error::SymLinkLoop, Error::FileSystem}});
 }
 
 // Runs only in the forked child: set up the terminal and exec the shell.

@@ -118,9 +118,7 @@ Result<ToolState> probeTool(std::string_view tool) {
 
     auto pid = sys::fork();
     if (!pid)
-        return fail(pid.error() == Error::WouldBlock || pid.error() == Error::SystemResources
-                        ? Error::SystemResources
-                        : Error::Unexpected);
+        return fail(processCreationError(pid.error()));
     if (*pid == 0) {
         (void)sys::dup2(null.get(), 1);
         (void)sys::dup2(null.get(), 2);
