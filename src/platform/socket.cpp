@@ -41,6 +41,7 @@ Result<AbstractAddress> abstractAddress(std::string_view name) {
 
 Result<UniqueFd> unixSocket() {
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Creation failures callers tell apart; anything else is Unexpected.
     if (fd < 0)
         return fail(
             narrowError(errorFromErrno(errno),
@@ -51,9 +52,9 @@ Result<UniqueFd> unixSocket() {
 
 Result<UniqueFd> connectTo(const sockaddr_un& address, socklen_t length) {
     UniqueFd fd = TRY(unixSocket());
-    if (retryOnInterrupt([&] {
-            return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length);
-        }) < 0)
+    int connected = retryOnInterrupt(
+        [&] { return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length); });
+    if (connected < 0)
         return fail(errorFromErrno(errno));
     return fd;
 }
