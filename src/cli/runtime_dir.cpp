@@ -17,22 +17,13 @@ namespace {
 sys::Mutex cacheMutex;
 std::string cachedDir; // empty: not resolved yet
 
+// The names a failure to open or set up the directory reports.
 Error modeError(Error error) {
-    switch (error) {
-    case Error::NotDir:
-    case Error::FileNotFound:
-        return Error::FileNotFound;
-    case Error::AccessDenied:
-    case Error::PermissionDenied:
-    case Error::ReadOnlyFileSystem:
-    case Error::NameTooLong:
-    case Error::SymLinkLoop:
-    case Error::SystemResources:
-    case Error::InputOutput:
-        return error;
-    default:
-        return Error::Unexpected;
-    }
+    return narrowError(error,
+                       {Error::FileNotFound, Error::AccessDenied, Error::PermissionDenied,
+                        Error::ReadOnlyFileSystem, Error::NameTooLong, Error::SymLinkLoop,
+                        Error::SystemResources, Error::InputOutput},
+                       {{Error::NotDir, Error::FileNotFound}});
 }
 
 Result<> checkLength(std::string_view path) {

@@ -76,8 +76,10 @@ bool isUuidText(std::string_view text) {
 }
 
 bool isNameText(std::string_view text) {
-    if (text.empty() || text.size() > kMaxNameTextLength)
-        return false;
+    return !text.empty() && text.size() <= kMaxNameTextLength && hasOnlyNameCharacters(text);
+}
+
+bool hasOnlyNameCharacters(std::string_view text) {
     for (char c : text) {
         bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                        c == '+' || c == '-' || c == '.' || c == '_';

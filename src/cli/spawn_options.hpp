@@ -35,6 +35,9 @@ enum class OptionSet { All, DimensionsOnly };
 [[nodiscard]] Result<> validatePortableMetadata(const PortableMetadata& metadata);
 
 [[nodiscard]] bool isUuidText(std::string_view text);
+// A name: 1 to kMaxNameTextLength of the name characters.
 [[nodiscard]] bool isNameText(std::string_view text);
+// The name characters alone (letters, digits, + - . _), any length.
+[[nodiscard]] bool hasOnlyNameCharacters(std::string_view text);
 
 } // namespace tovel

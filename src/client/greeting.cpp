@@ -68,11 +68,8 @@ Result<> exchangePortableTakeover(int fd, const PortableMetadata& portable) {
     TRY(write_frame(fd, FrameType::PortableTakeover, payload));
 
     pollfd entry{fd, POLLIN, 0};
-    auto ready = sys::poll(std::span(&entry, 1), kTakeoverAnswerTimeoutMs);
-    if (!ready)
-        return fail(ready.error() == Error::SystemResources ? Error::SystemResources
-                                                            : Error::Unexpected);
-    if (*ready == 0) {
+    int ready = TRY(sys::poll(std::span(&entry, 1), kTakeoverAnswerTimeoutMs));
+    if (ready == 0) {
         printStderr("tovel-ptyd: portable takeover metadata is unsupported by the live keeper\n");
         return fail(Error::PortableMetadataUnsupported);
     }

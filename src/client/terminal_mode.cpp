@@ -16,17 +16,6 @@ std::optional<sys::WindowSize> usableSize(int fd) {
     return *size;
 }
 
-Error attributeError(Error error) {
-    switch (error) {
-    case Error::NotATerminal:
-        return Error::NotATerminal;
-    case Error::InputOutput:
-        return Error::ProcessOrphaned;
-    default:
-        return Error::Unexpected;
-    }
-}
-
 } // namespace
 
 sys::WindowSize localWindowSize() {
@@ -42,7 +31,7 @@ Result<RawTerminal> RawTerminal::enter() {
         return RawTerminal(std::nullopt);
     auto saved = sys::terminalAttributes(0);
     if (!saved)
-        return fail(saved.error() == Error::NotATerminal ? Error::NotATerminal : Error::Unexpected);
+        return fail(narrowError(saved.error(), {Error::NotATerminal}));
     termios raw = *saved;
     raw.c_iflag &=
         ~static_cast<tcflag_t>(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON);
@@ -53,7 +42,8 @@ Result<RawTerminal> RawTerminal::enter() {
     raw.c_cc[VMIN] = 1;
     raw.c_cc[VTIME] = 0;
     if (auto applied = sys::setTerminalAttributes(0, raw, TCSAFLUSH); !applied)
-        return fail(attributeError(applied.error()));
+        return fail(narrowError(applied.error(), {Error::NotATerminal},
+                                {{Error::InputOutput, Error::ProcessOrphaned}}));
     return RawTerminal(*saved);
 }
 

@@ -17,11 +17,6 @@ namespace {
 
 constexpr int kReadyTimeoutMs = 5000;
 
-Error forkError(Error error) {
-    return error == Error::WouldBlock || error == Error::SystemResources ? Error::SystemResources
-                                                                         : Error::Unexpected;
-}
-
 } // namespace
 
 Result<LaunchOutcome> launchKeeper(std::string_view id, const SpawnOptions& options) {
@@ -51,7 +46,7 @@ Result<LaunchOutcome> launchKeeper(std::string_view id, const SpawnOptions& opti
                     .byte = kKeeperFailedByte};
     auto pid = spawnChild(child);
     if (!pid)
-        return fail(forkError(pid.error()));
+        return fail(processCreationError(pid.error()));
 
     ready->writeEnd.reset();
     pollfd entry{ready->readEnd.get(), POLLIN, 0};

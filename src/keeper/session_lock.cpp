@@ -14,14 +14,8 @@ namespace {
 constexpr mode_t kLockFileMode = 0600;
 
 Error lockError(Error error) {
-    switch (error) {
-    case Error::WouldBlock:
-        return Error::WouldBlock;
-    case Error::OperationNotSupported:
-        return Error::FileLocksNotSupported;
-    default:
-        return Error::Unexpected;
-    }
+    return narrowError(error, {Error::WouldBlock},
+                       {{Error::OperationNotSupported, Error::FileLocksNotSupported}});
 }
 
 // Whether the locked file has left `path`: a keeper that ends removes its

@@ -53,16 +53,6 @@ bool isMetadataUuid(std::string_view text) {
            text[23] == '-';
 }
 
-bool isMetadataName(std::string_view text) {
-    for (char c : text) {
-        bool allowed = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '+' || c == '-' || c == '.' || c == '_';
-        if (!allowed)
-            return false;
-    }
-    return true;
-}
-
 template <typename T> bool readNumber(std::string_view value, std::optional<T>& field) {
     auto parsed = parseNumber<T>(value);
     if (!parsed)
@@ -146,7 +136,7 @@ MetadataRecord parseSessionMetadata(std::string_view text) {
         } else if (key == "lease_generation") {
             good = readNumber(value, m.portable.leaseGeneration);
         } else if (key == "agent_kind" || key == "adapter_id") {
-            good = isMetadataName(value);
+            good = hasOnlyNameCharacters(value);
             if (good)
                 (key == "agent_kind" ? m.portable.agentKind : m.portable.adapterId) =
                     std::string(value);

@@ -1,6 +1,7 @@
 // Opening paths below a directory descriptor.
 #include "platform/beneath.hpp"
 
+#include "platform/retry.hpp"
 #include "platform/system.hpp"
 
 #include <atomic>
@@ -31,10 +32,11 @@ std::optional<Result<UniqueFd>> openat2Beneath(int directoryFd, const std::strin
     how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
     for (int attempt = 0;; ++attempt) {
-        long opened = ::syscall(SYS_openat2, directoryFd, path.c_str(), &how, sizeof how);
+        long opened = retryOnInterrupt(
+            [&] { return ::syscall(SYS_openat2, directoryFd, path.c_str(), &how, sizeof how); });
         if (opened >= 0)
             return UniqueFd(static_cast<int>(opened));
-        if (errno == EINTR || (errno == EAGAIN && attempt < kRenameRetries))
+        if (errno == EAGAIN && attempt < kRenameRetries)
             continue;
         if (errno == ENOSYS)
             return std::nullopt;
@@ -43,13 +45,11 @@ std::optional<Result<UniqueFd>> openat2Beneath(int directoryFd, const std::strin
 }
 
 Result<UniqueFd> openatNoFollow(int directoryFd, const std::string& name, int flags) {
-    for (;;) {
-        int opened = ::openat(directoryFd, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
-        if (opened >= 0)
-            return UniqueFd(opened);
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    int opened = retryOnInterrupt(
+        [&] { return ::openat(directoryFd, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC); });
+    if (opened < 0)
+        return fail(errorFromErrno(errno));
+    return UniqueFd(opened);
 }
 
 // Every segment but the last must be a directory, opened without following

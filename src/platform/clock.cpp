@@ -1,6 +1,8 @@
 // Clock readings and sleeping.
 #include "platform/clock.hpp"
 
+#include "platform/retry.hpp"
+
 #include <cerrno>
 #include <ctime>
 
@@ -32,10 +34,9 @@ std::int64_t realtimeSeconds() {
 Result<> sleepMs(std::int64_t milliseconds) {
     timespec remaining{static_cast<time_t>(milliseconds / 1000),
                        static_cast<long>((milliseconds % 1000) * 1'000'000)};
-    while (::nanosleep(&remaining, &remaining) != 0) {
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    // An interrupted sleep leaves the time still to go in `remaining`.
+    if (retryOnInterrupt([&] { return ::nanosleep(&remaining, &remaining); }) < 0)
+        return fail(errorFromErrno(errno));
     return {};
 }
 

@@ -1,6 +1,7 @@
 // Reading directories.
 #include "platform/directory.hpp"
 
+#include "platform/retry.hpp"
 #include "platform/system.hpp"
 
 #include <cerrno>
@@ -95,13 +96,10 @@ Result<struct stat> DirectoryReader::statEntry(std::string_view name, FollowLink
 
 Result<UniqueFd> DirectoryReader::openEntry(std::string_view name, int flags) const {
     std::string path(name);
-    for (;;) {
-        int opened = ::openat(fd(), path.c_str(), flags | O_CLOEXEC);
-        if (opened >= 0)
-            return UniqueFd(opened);
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    int opened = retryOnInterrupt([&] { return ::openat(fd(), path.c_str(), flags | O_CLOEXEC); });
+    if (opened < 0)
+        return fail(errorFromErrno(errno));
+    return UniqueFd(opened);
 }
 
 int DirectoryReader::fd() const {

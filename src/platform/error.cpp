@@ -102,10 +102,26 @@ Error errorFromErrno(int errnoValue) {
     }
 }
 
-Error descriptorCreationError(Error error) {
-    if (error == Error::ProcessFdQuotaExceeded || error == Error::SystemFdQuotaExceeded)
-        return error;
+Error narrowError(Error error, std::initializer_list<Error> kept,
+                  std::initializer_list<ErrorRename> renamed) {
+    for (Error name : kept) {
+        if (name == error)
+            return error;
+    }
+    for (ErrorRename rename : renamed) {
+        if (rename.from == error)
+            return rename.to;
+    }
     return Error::Unexpected;
+}
+
+Error descriptorCreationError(Error error) {
+    return narrowError(error, {Error::ProcessFdQuotaExceeded, Error::SystemFdQuotaExceeded});
+}
+
+Error processCreationError(Error error) {
+    return narrowError(error, {Error::SystemResources},
+                       {{Error::WouldBlock, Error::SystemResources}});
 }
 
 std::string_view errnoName(int errnoValue) {

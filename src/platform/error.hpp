@@ -2,6 +2,7 @@
 // of these names, unchanged, and is printed by its name.
 #pragma once
 
+#include <initializer_list>
 #include <string_view>
 
 namespace tovel {
@@ -121,9 +122,26 @@ enum class Error {
 // The one errno-to-name table. EINTR never reaches it: callers retry.
 [[nodiscard]] Error errorFromErrno(int errnoValue);
 
+// One renaming a narrowed error goes through (NotDir reported as
+// FileNotFound).
+struct ErrorRename {
+    Error from;
+    Error to;
+};
+
+// What a caller reports of a failure below it: the error itself when `kept`
+// lists it, its new name when `renamed` lists it, anything else Unexpected.
+// Pure computation, so a forked child may use it.
+[[nodiscard]] Error narrowError(Error error, std::initializer_list<Error> kept,
+                                std::initializer_list<ErrorRename> renamed = {});
+
 // A failure to create a descriptor (pipe, socket) as callers report it:
 // the two quota names pass, anything else is Unexpected.
 [[nodiscard]] Error descriptorCreationError(Error error);
+
+// A failure to start a process or thread as callers report it: running out
+// (WouldBlock, SystemResources) is SystemResources, anything else Unexpected.
+[[nodiscard]] Error processCreationError(Error error);
 
 // An errno value by its symbolic name without the leading "E" ("NOENT").
 // Values without a name print as "errno<n>" in a static per-value buffer.

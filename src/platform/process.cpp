@@ -1,6 +1,8 @@
 // Process wrappers.
 #include "platform/process.hpp"
 
+#include "platform/retry.hpp"
+
 #include <cerrno>
 #include <csignal>
 #include <sys/wait.h>
@@ -64,14 +66,11 @@ Result<> killProcessGroup(pid_t group, int signal) {
 
 Result<WaitOutcome> waitpid(pid_t pid, WaitMode mode) {
     int options = mode == WaitMode::NoHang ? WNOHANG : 0;
-    for (;;) {
-        int status = 0;
-        pid_t changed = ::waitpid(pid, &status, options);
-        if (changed >= 0)
-            return WaitOutcome{changed, status};
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    int status = 0;
+    pid_t changed = retryOnInterrupt([&] { return ::waitpid(pid, &status, options); });
+    if (changed < 0)
+        return fail(errorFromErrno(errno));
+    return WaitOutcome{changed, status};
 }
 
 Result<> chdir(const char* path) {

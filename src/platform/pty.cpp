@@ -1,6 +1,7 @@
 // Pseudo-terminals and terminal attributes.
 #include "platform/pty.hpp"
 
+#include "platform/retry.hpp"
 #include "platform/system.hpp"
 
 #include <cerrno>
@@ -47,12 +48,9 @@ Result<termios> terminalAttributes(int fd) {
 }
 
 Result<> setTerminalAttributes(int fd, const termios& attributes, int when) {
-    for (;;) {
-        if (::tcsetattr(fd, when, &attributes) == 0)
-            return {};
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    if (retryOnInterrupt([&] { return ::tcsetattr(fd, when, &attributes); }) < 0)
+        return fail(errorFromErrno(errno));
+    return {};
 }
 
 Result<pid_t> foregroundProcessGroup(int fd) {

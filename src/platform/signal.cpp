@@ -49,17 +49,6 @@ Result<> setSignalDefault(int signal) {
     return setDisposition(signal, SIG_DFL, 0);
 }
 
-void resetSignalsForExec() {
-    struct sigaction action {};
-    action.sa_handler = SIG_DFL;
-    sigemptyset(&action.sa_mask);
-    for (int signal = 1; signal < NSIG; ++signal)
-        ::sigaction(signal, &action, nullptr); // SIGKILL/SIGSTOP refuse; harmless
-    sigset_t empty;
-    sigemptyset(&empty);
-    ::sigprocmask(SIG_SETMASK, &empty, nullptr);
-}
-
 SignalPipe::SignalPipe(UniqueFd readEnd, UniqueFd writeEnd)
     : readEnd_(std::move(readEnd)), writeEnd_(std::move(writeEnd)) {}
 

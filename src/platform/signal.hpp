@@ -14,11 +14,6 @@ namespace tovel::sys {
 [[nodiscard]] Result<> setSignalIgnored(int signal);
 [[nodiscard]] Result<> setSignalDefault(int signal);
 
-// Restores the default disposition of every signal and empties the signal
-// mask. Async-signal-safe: meant for a forked child before exec, because
-// ignored dispositions survive exec.
-void resetSignalsForExec();
-
 // The process's one signal self-pipe. route() makes a signal write `byte`
 // into the pipe's non-blocking write end; a full pipe drops the byte (the
 // reader already has one pending). Destroying it restores the routed

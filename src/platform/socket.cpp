@@ -1,6 +1,8 @@
 // Unix-domain socket wrappers.
 #include "platform/socket.hpp"
 
+#include "platform/retry.hpp"
+
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -10,24 +12,6 @@
 namespace tovel::sys {
 
 namespace {
-
-Error socketError(int errnoValue) {
-    switch (errnoValue) {
-    case ENOMEM:
-    case ENOBUFS:
-        return Error::SystemResources;
-    case EACCES:
-        return Error::AccessDenied;
-    case ENFILE:
-        return Error::SystemFdQuotaExceeded;
-    case EMFILE:
-        return Error::ProcessFdQuotaExceeded;
-    case EAFNOSUPPORT:
-        return Error::AddressFamilyNotSupported;
-    default:
-        return Error::Unexpected;
-    }
-}
 
 Result<sockaddr_un> unixAddress(std::string_view path) {
     sockaddr_un address{};
@@ -57,19 +41,22 @@ Result<AbstractAddress> abstractAddress(std::string_view name) {
 
 Result<UniqueFd> unixSocket() {
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Creation failures callers tell apart; anything else is Unexpected.
     if (fd < 0)
-        return fail(socketError(errno));
+        return fail(
+            narrowError(errorFromErrno(errno),
+                        {Error::SystemResources, Error::AccessDenied, Error::SystemFdQuotaExceeded,
+                         Error::ProcessFdQuotaExceeded, Error::AddressFamilyNotSupported}));
     return UniqueFd(fd);
 }
 
 Result<UniqueFd> connectTo(const sockaddr_un& address, socklen_t length) {
     UniqueFd fd = TRY(unixSocket());
-    for (;;) {
-        if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0)
-            return fd;
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    int connected = retryOnInterrupt(
+        [&] { return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length); });
+    if (connected < 0)
+        return fail(errorFromErrno(errno));
+    return fd;
 }
 
 Result<UniqueFd> listenAt(const sockaddr_un& address, socklen_t length, int backlog) {
@@ -104,13 +91,11 @@ Result<UniqueFd> listenAbstract(std::string_view name, int backlog) {
 }
 
 Result<UniqueFd> acceptNonBlocking(int listenFd) {
-    for (;;) {
-        int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd >= 0)
-            return UniqueFd(fd);
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    int fd = retryOnInterrupt(
+        [&] { return ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK); });
+    if (fd < 0)
+        return fail(errorFromErrno(errno));
+    return UniqueFd(fd);
 }
 
 Result<> setSendBuffer(int fd, int bytes) {

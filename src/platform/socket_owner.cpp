@@ -1,6 +1,7 @@
 // The owner of a loopback connection's other end.
 #include "platform/socket_owner.hpp"
 
+#include "platform/retry.hpp"
 #include "platform/system.hpp"
 #include "platform/unique_fd.hpp"
 
@@ -90,19 +91,14 @@ Result<uid_t> peerOwnerByDiag(const TcpEnds& ends) {
     message.request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
-    for (;;) {
-        ssize_t sent = ::sendto(netlink.get(), &message, sizeof message, 0,
-                                reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
-        if (sent >= 0)
-            break;
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    ssize_t sent = retryOnInterrupt([&] {
+        return ::sendto(netlink.get(), &message, sizeof message, 0,
+                        reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
+    });
+    if (sent < 0)
+        return fail(errorFromErrno(errno));
     alignas(nlmsghdr) char reply[kDiagReplySize];
-    ssize_t got;
-    do {
-        got = ::recv(netlink.get(), reply, sizeof reply, 0);
-    } while (got < 0 && errno == EINTR);
+    ssize_t got = retryOnInterrupt([&] { return ::recv(netlink.get(), reply, sizeof reply, 0); });
     if (got < 0)
         return fail(errorFromErrno(errno));
     auto* header = reinterpret_cast<nlmsghdr*>(reply);

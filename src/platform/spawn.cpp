@@ -28,20 +28,11 @@ SpawnFailure failedCall(Error error) {
 // The working-directory failures a child reports, coarser than the general
 // errno names.
 Error chdirError(Error error) {
-    switch (error) {
-    case Error::PermissionDenied:
-    case Error::AccessDenied:
-        return Error::AccessDenied;
-    case Error::FileNotFound:
-    case Error::NotDir:
-    case Error::NameTooLong:
-        return error;
-    case Error::InputOutput:
-    case Error::SymLinkLoop:
-        return Error::FileSystem;
-    default:
-        return Error::Unexpected;
-    }
+    return narrowError(
+        error, {Error::AccessDenied, Error::FileNotFound, Error::NotDir, Error::NameTooLong},
+        {{Error::PermissionDenied, Error::AccessDenied},
+         {Error::InputOutput, Error::FileSystem},
+         {Error::SymLinkLoop, Error::FileSystem}});
 }
 
 // Executes the first candidate that runs, as execvp does; returns only on

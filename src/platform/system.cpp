@@ -1,6 +1,8 @@
 // Descriptor, file and path wrappers.
 #include "platform/system.hpp"
 
+#include "platform/retry.hpp"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -28,23 +30,17 @@ std::string cString(std::string_view text) {
 
 Result<UniqueFd> open(std::string_view path, int flags, mode_t mode) {
     std::string p = cString(path);
-    for (;;) {
-        int fd = ::open(p.c_str(), flags | O_CLOEXEC, mode);
-        if (fd >= 0)
-            return UniqueFd(fd);
-        if (errno != EINTR)
-            return failErrno();
-    }
+    int fd = retryOnInterrupt([&] { return ::open(p.c_str(), flags | O_CLOEXEC, mode); });
+    if (fd < 0)
+        return failErrno();
+    return UniqueFd(fd);
 }
 
 Result<std::size_t> read(int fd, std::span<std::byte> buffer) {
-    for (;;) {
-        ssize_t n = ::read(fd, buffer.data(), buffer.size());
-        if (n >= 0)
-            return static_cast<std::size_t>(n);
-        if (errno != EINTR)
-            return failErrno();
-    }
+    ssize_t n = retryOnInterrupt([&] { return ::read(fd, buffer.data(), buffer.size()); });
+    if (n < 0)
+        return failErrno();
+    return static_cast<std::size_t>(n);
 }
 
 Result<std::size_t> read(int fd, std::span<char> buffer) {
@@ -52,13 +48,10 @@ Result<std::size_t> read(int fd, std::span<char> buffer) {
 }
 
 Result<std::size_t> write(int fd, std::span<const std::byte> bytes) {
-    for (;;) {
-        ssize_t n = ::write(fd, bytes.data(), bytes.size());
-        if (n >= 0)
-            return static_cast<std::size_t>(n);
-        if (errno != EINTR)
-            return failErrno();
-    }
+    ssize_t n = retryOnInterrupt([&] { return ::write(fd, bytes.data(), bytes.size()); });
+    if (n < 0)
+        return failErrno();
+    return static_cast<std::size_t>(n);
 }
 
 Result<std::size_t> write(int fd, std::string_view bytes) {
@@ -71,23 +64,17 @@ Result<std::size_t> writev(int fd, std::span<const std::string_view> pieces) {
     std::size_t count = std::min(pieces.size(), kMaxPieces);
     for (std::size_t i = 0; i < count; ++i)
         vectors[i] = {const_cast<char*>(pieces[i].data()), pieces[i].size()};
-    for (;;) {
-        ssize_t n = ::writev(fd, vectors, static_cast<int>(count));
-        if (n >= 0)
-            return static_cast<std::size_t>(n);
-        if (errno != EINTR)
-            return failErrno();
-    }
+    ssize_t n = retryOnInterrupt([&] { return ::writev(fd, vectors, static_cast<int>(count)); });
+    if (n < 0)
+        return failErrno();
+    return static_cast<std::size_t>(n);
 }
 
 Result<std::size_t> sendfile(int out, int in, std::size_t count) {
-    for (;;) {
-        ssize_t n = ::sendfile(out, in, nullptr, count);
-        if (n >= 0)
-            return static_cast<std::size_t>(n);
-        if (errno != EINTR)
-            return failErrno();
-    }
+    ssize_t n = retryOnInterrupt([&] { return ::sendfile(out, in, nullptr, count); });
+    if (n < 0)
+        return failErrno();
+    return static_cast<std::size_t>(n);
 }
 
 Result<> writeAll(int fd, std::span<const std::byte> bytes) {
@@ -121,22 +108,16 @@ Result<Pipe> pipe(int extraFlags) {
 }
 
 Result<> dup2(int from, int to) {
-    for (;;) {
-        if (::dup2(from, to) >= 0)
-            return {};
-        if (errno != EINTR)
-            return failErrno();
-    }
+    if (retryOnInterrupt([&] { return ::dup2(from, to); }) < 0)
+        return failErrno();
+    return {};
 }
 
 Result<int> fcntl(int fd, int command, long argument) {
-    for (;;) {
-        int value = ::fcntl(fd, command, argument);
-        if (value >= 0)
-            return value;
-        if (errno != EINTR)
-            return failErrno();
-    }
+    int value = retryOnInterrupt([&] { return ::fcntl(fd, command, argument); });
+    if (value < 0)
+        return failErrno();
+    return value;
 }
 
 Result<> setNonBlocking(int fd) {
@@ -153,13 +134,10 @@ Result<> setCloseOnExec(int fd, bool closeOnExec) {
 }
 
 Result<int> poll(std::span<pollfd> fds, int timeoutMs) {
-    for (;;) {
-        int ready = ::poll(fds.data(), fds.size(), timeoutMs);
-        if (ready >= 0)
-            return ready;
-        if (errno != EINTR)
-            return fail(errno == ENOMEM ? Error::SystemResources : Error::Unexpected);
-    }
+    int ready = retryOnInterrupt([&] { return ::poll(fds.data(), fds.size(), timeoutMs); });
+    if (ready < 0)
+        return fail(narrowError(errorFromErrno(errno), {Error::SystemResources}));
+    return ready;
 }
 
 Result<struct stat> stat(std::string_view path) {
@@ -191,21 +169,15 @@ Result<> mkdir(std::string_view path, mode_t mode) {
 
 Result<> chmod(std::string_view path, mode_t mode) {
     std::string p = cString(path);
-    for (;;) {
-        if (::chmod(p.c_str(), mode) == 0)
-            return {};
-        if (errno != EINTR)
-            return failErrno();
-    }
+    if (retryOnInterrupt([&] { return ::chmod(p.c_str(), mode); }) < 0)
+        return failErrno();
+    return {};
 }
 
 Result<> fchmod(int fd, mode_t mode) {
-    for (;;) {
-        if (::fchmod(fd, mode) == 0)
-            return {};
-        if (errno != EINTR)
-            return failErrno();
-    }
+    if (retryOnInterrupt([&] { return ::fchmod(fd, mode); }) < 0)
+        return failErrno();
+    return {};
 }
 
 Result<> rename(std::string_view from, std::string_view to) {

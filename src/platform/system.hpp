@@ -51,7 +51,8 @@ struct Pipe {
 [[nodiscard]] Result<> setCloseOnExec(int fd, bool closeOnExec);
 
 // poll with a timeout in milliseconds (-1 waits forever). Retries EINTR with
-// the same timeout. Returns the number of ready entries.
+// the same timeout. Returns the number of ready entries; fails only as
+// SystemResources or Unexpected.
 [[nodiscard]] Result<int> poll(std::span<pollfd> fds, int timeoutMs);
 
 [[nodiscard]] Result<struct stat> stat(std::string_view path);

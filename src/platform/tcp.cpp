@@ -1,6 +1,8 @@
 // IPv4 loopback sockets.
 #include "platform/tcp.hpp"
 
+#include "platform/retry.hpp"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <netinet/in.h>
@@ -66,23 +68,18 @@ Result<> setSendTimeout(int fd, int seconds) {
 
 Result<std::size_t> send(int fd, std::string_view bytes, MoreToCome more) {
     int flags = MSG_NOSIGNAL | (more == MoreToCome::Yes ? MSG_MORE : 0);
-    for (;;) {
-        ssize_t sent = ::send(fd, bytes.data(), bytes.size(), flags);
-        if (sent >= 0)
-            return static_cast<std::size_t>(sent);
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    ssize_t sent = retryOnInterrupt([&] { return ::send(fd, bytes.data(), bytes.size(), flags); });
+    if (sent < 0)
+        return fail(errorFromErrno(errno));
+    return static_cast<std::size_t>(sent);
 }
 
 Result<std::size_t> receiveNow(int fd, std::span<char> buffer) {
-    for (;;) {
-        ssize_t got = ::recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (got >= 0)
-            return static_cast<std::size_t>(got);
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    ssize_t got =
+        retryOnInterrupt([&] { return ::recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT); });
+    if (got < 0)
+        return fail(errorFromErrno(errno));
+    return static_cast<std::size_t>(got);
 }
 
 Result<> setDeferAccept(int fd, int seconds) {
@@ -92,13 +89,10 @@ Result<> setDeferAccept(int fd, int seconds) {
 }
 
 Result<UniqueFd> accept(int listenFd) {
-    for (;;) {
-        int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd >= 0)
-            return UniqueFd(fd);
-        if (errno != EINTR)
-            return fail(errorFromErrno(errno));
-    }
+    int fd = retryOnInterrupt([&] { return ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC); });
+    if (fd < 0)
+        return fail(errorFromErrno(errno));
+    return UniqueFd(fd);
 }
 
 } // namespace tovel::sys

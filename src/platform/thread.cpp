@@ -23,10 +23,6 @@ std::size_t pageSize() {
     return size > 0 ? static_cast<std::size_t>(size) : kFallbackPageSize;
 }
 
-Error threadError(int code) {
-    return code == EAGAIN ? Error::SystemResources : Error::Unexpected;
-}
-
 enum class SlotState { Free, Running, Exiting };
 
 // True once the thread with this id has left the kernel's tables. By then it
@@ -151,12 +147,12 @@ Result<> DetachedThreadStarter::start(ThreadEntry entry, void* argument) {
         if (failed == 0)
             return {};
         slot->state.store(SlotState::Free, std::memory_order_relaxed);
-        return fail(threadError(failed));
+        return fail(processCreationError(errorFromErrno(failed)));
     }
     if (!libraryStacksReady_)
         return fail(Error::Unexpected);
     if (int failed = ::pthread_create(&thread, &libraryStacks_, entry, argument); failed != 0)
-        return fail(threadError(failed));
+        return fail(processCreationError(errorFromErrno(failed)));
     return {};
 }
 

@@ -139,12 +139,6 @@ void acceptPending(int listener, serve::ServeSettings& settings,
     }
 }
 
-// The poll of the accept loop reports only two names: running out of memory
-// is worth telling apart, anything else is unexpected.
-Error pollFailureName(Error error) {
-    return error == Error::SystemResources ? Error::SystemResources : Error::Unexpected;
-}
-
 Result<UniqueFd> listenOnLoopback(std::uint16_t port, std::uint16_t& boundPort) {
     auto socket = sys::tcpSocket();
     if (!socket) {
@@ -237,7 +231,7 @@ CommandResult runServe(Args args) {
         pollfd entry{listener.get(), POLLIN, 0};
         auto ready = sys::poll(std::span(&entry, 1), timeout);
         if (!ready) {
-            logWarning(LogScope::Serve, "poll failed: ", pollFailureName(ready.error()));
+            logWarning(LogScope::Serve, "poll failed: ", ready.error());
             continue;
         }
         if (*ready == 0)

@@ -119,9 +119,7 @@ Result<ToolState> probeTool(std::string_view tool) {
     child.report = {.messageFd = 2, .messagePrefix = "preflight: failed to execute login shell: "};
     auto pid = spawnChild(child);
     if (!pid)
-        return fail(pid.error() == Error::WouldBlock || pid.error() == Error::SystemResources
-                        ? Error::SystemResources
-                        : Error::Unexpected);
+        return fail(processCreationError(pid.error()));
 
     for (int poll = 0; poll < kProbePolls; ++poll) {
         auto waited = sys::waitpid(*pid, sys::WaitMode::NoHang);
