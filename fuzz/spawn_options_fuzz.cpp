@@ -3,7 +3,7 @@
 // carry it on: the takeover request and the session's metadata file.
 #include "cli/spawn_options.hpp"
 #include "client/protocol/portable_takeover.hpp"
-#include "keeper/session_metadata.hpp"
+#include "cli/session_metadata.hpp"
 
 #include <cstdlib>
 #include <vector>

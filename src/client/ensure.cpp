@@ -12,8 +12,8 @@
 #include "client/protocol/frame.hpp"
 #include "client/protocol/portable_takeover.hpp"
 #include "client/protocol/session_address.hpp"
-#include "keeper/launcher.hpp"
-#include "keeper/session_metadata.hpp"
+#include "client/launcher.hpp"
+#include "cli/session_metadata.hpp"
 #include "platform/env.hpp"
 
 namespace tovel {

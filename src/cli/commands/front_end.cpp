@@ -18,7 +18,7 @@
 #include "client/ensure.hpp"
 #include "client/kill.hpp"
 #include "keeper/keeper_entry.hpp"
-#include "keeper/launcher.hpp"
+#include "client/launcher.hpp"
 #include "platform/env.hpp"
 #include "platform/system.hpp"
 #include "serve/serve_command.hpp"

@@ -1,8 +1,8 @@
 // Starting a keeper in the background and waiting for its ready byte.
-#include "keeper/launcher.hpp"
+#include "client/launcher.hpp"
 #include "platform/decimal.hpp"
 
-#include "keeper/shell_start.hpp"
+#include "platform/env.hpp"
 #include "platform/process.hpp"
 #include "platform/system.hpp"
 
@@ -71,6 +71,18 @@ std::vector<std::string> keeperArguments(const std::string& executable, std::str
 
 void reap(pid_t pid) {
     (void)sys::waitpid(pid, sys::WaitMode::Block);
+}
+
+// The keeper's shell inherits this environment: TERM missing, empty or
+// "dumb" becomes xterm-256color with COLORTERM=truecolor and no TERMINFO.
+Result<> prepareTerminalEnvironment() {
+    auto term = sys::getEnv("TERM");
+    if (term && !term->empty() && *term != "dumb")
+        return {};
+    if (!sys::setEnv("TERM", "xterm-256color") || !sys::setEnv("COLORTERM", "truecolor") ||
+        !sys::unsetEnv("TERMINFO"))
+        return fail(Error::SetTerminalEnvironmentFailed);
+    return {};
 }
 
 } // namespace
