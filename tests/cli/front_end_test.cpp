@@ -2,6 +2,7 @@
 // version, unknown words, the --dir pre-scan, attach's checks and list's and
 // new's argument errors.
 #include "cli/commands/front_end.hpp"
+#include "cli/commands/usage.hpp"
 #include "support/test_support.hpp"
 
 #include <gtest/gtest.h>

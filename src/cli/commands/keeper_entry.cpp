@@ -1,7 +1,7 @@
 // The keeper process's entry: checks the 12 arguments after "--keeper-exec",
 // points the standard streams away from the caller's terminal and runs the
 // keeper.
-#include "keeper/keeper_entry.hpp"
+#include "cli/commands/keeper_entry.hpp"
 
 #include "cli/log.hpp"
 #include "cli/number.hpp"
