@@ -22,7 +22,6 @@
 #include <algorithm>
 #include <array>
 #include <optional>
-#include <unistd.h>
 
 namespace tovel {
 
