@@ -1,6 +1,6 @@
 // The session metadata reader: never fails on content, and whatever it
 // reads back formats to a record that reads back to the same text again.
-#include "keeper/session_metadata.hpp"
+#include "cli/session_metadata.hpp"
 
 #include <cstdlib>
 

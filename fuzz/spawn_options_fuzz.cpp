@@ -1,9 +1,9 @@
 // The spawn-option parser over NUL-separated arguments (the first byte picks
 // the option set). Whatever it accepts must survive the two records that
 // carry it on: the takeover request and the session's metadata file.
+#include "cli/session_metadata.hpp"
 #include "cli/spawn_options.hpp"
 #include "client/protocol/portable_takeover.hpp"
-#include "keeper/session_metadata.hpp"
 
 #include <cstdlib>
 #include <vector>

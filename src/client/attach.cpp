@@ -51,12 +51,13 @@ enum class Flow { Continue, Reconnect };
 
 class AttachLoop {
   public:
-    AttachLoop(std::string_view id, const PortableMetadata& portable, UniqueFd socket,
-               sys::SignalPipe& signals, const std::string& nonce, DetachKey detachKey)
-        : id_(id), portable_(portable), socket_(std::move(socket)), signals_(signals),
-          bracket_(nonce, 1), detachKey_(detachKey), lastConnectMs_(sys::monotonicMs()) {}
+    AttachLoop(const AttachRequest& request, UniqueFd socket, sys::SignalPipe& signals,
+               const std::string& nonce)
+        : id_(request.id), portable_(request.portable), socket_(std::move(socket)),
+          signals_(signals), bracket_(nonce, 1), detachKey_(request.detachKey),
+          lastConnectMs_(sys::monotonicMs()) {}
 
-    Result<int> run() {
+    Result<AttachEnd> run() {
         auto result = loop();
         // Whatever ended the attach, an open bracket is closed on screen.
         bracket_.closeOpen(ReplayBracket::State::Closed);
@@ -69,7 +70,7 @@ class AttachLoop {
     }
 
   private:
-    Result<int> loop() {
+    Result<AttachEnd> loop() {
         std::array<char, kInputReadSize> input;
         for (;;) {
             int timeout = bracket_.timeoutMs(sys::monotonicMs());
@@ -88,7 +89,7 @@ class AttachLoop {
                 std::size_t got = signals_.drain(bytes).value_or(0);
                 std::string_view received(bytes, got);
                 if (received.find('T') != std::string_view::npos)
-                    return kExitInterrupted;
+                    return AttachEnd{AttachEnd::How::Interrupted};
                 if (received.find('W') != std::string_view::npos)
                     resizePending_ = true;
             }
@@ -97,15 +98,15 @@ class AttachLoop {
                 bracket_.localInput();
                 auto got = sys::read(0, std::span(input));
                 if (!got && got.error() == Error::WouldBlock)
-                    return kExitSuccess;
+                    return AttachEnd{AttachEnd::How::InputClosed};
                 if (!got)
                     return fail(got.error());
                 if (*got == 0)
-                    return kExitSuccess;
+                    return AttachEnd{AttachEnd::How::InputClosed};
                 std::string_view bytes(input.data(), *got);
                 // Detaching ends the attach exactly like closed input.
                 if (detachKey_.detaches(bytes))
-                    return kExitSuccess;
+                    return AttachEnd{AttachEnd::How::InputClosed};
                 while (!write_frame(socket_.get(), FrameType::Input, bytes)) {
                     if (auto ending = reconnect())
                         return *ending;
@@ -114,8 +115,8 @@ class AttachLoop {
 
             if (entries[1].revents != 0) {
                 auto flow = TRY(receive());
-                if (exitStatus_)
-                    return *exitStatus_;
+                if (ending_)
+                    return *ending_;
                 if (flow == Flow::Reconnect) {
                     if (auto ending = reconnect())
                         return *ending;
@@ -162,7 +163,7 @@ class AttachLoop {
                 data.substr(offset + kFrameHeaderSize, *whole - kFrameHeaderSize);
             offset += *whole;
             TRY(handleFrame(type, payload));
-            if (exitStatus_)
+            if (ending_)
                 return {};
         }
         buffer_.consume(offset);
@@ -187,7 +188,8 @@ class AttachLoop {
             return {};
         case FrameType::Exit: {
             std::uint32_t status = payload.size() >= 4 ? getU32(payload.data()) : 1;
-            exitStatus_ = status <= kMaxExitStatus ? static_cast<int>(status) : 1;
+            int shellStatus = status <= kMaxExitStatus ? static_cast<int>(status) : 1;
+            ending_ = AttachEnd{AttachEnd::How::ShellExited, shellStatus};
             return {};
         }
         case FrameType::VersionMismatch: {
@@ -196,7 +198,7 @@ class AttachLoop {
                         static_cast<unsigned>(kProtocolVersion),
                         "); the daemon is a different build. Restart it (kill the session) to "
                         "pick up the new binary.\n");
-            exitStatus_ = kExitRefused;
+            ending_ = AttachEnd{AttachEnd::How::VersionMismatch};
             return {};
         }
         default:
@@ -208,14 +210,14 @@ class AttachLoop {
     // ends. A takeover refusal ends it with its own error: a newer owner
     // holds the session and retrying cannot succeed, so the caller must hear
     // "refused" rather than "connection lost". Every other failure ends the
-    // attach with status 130.
-    std::optional<Result<int>> reconnect() {
+    // attach as interrupted.
+    std::optional<Result<AttachEnd>> reconnect() {
         auto connected = reconnectSeries();
         if (connected)
             return std::nullopt;
         if (isTakeoverRefusal(connected.error()))
-            return Result<int>(fail(connected.error()));
-        return Result<int>(kExitInterrupted);
+            return Result<AttachEnd>(fail(connected.error()));
+        return Result<AttachEnd>(AttachEnd{AttachEnd::How::Interrupted});
     }
 
     Result<> reconnectSeries() {
@@ -276,19 +278,16 @@ class AttachLoop {
     std::int64_t lastConnectMs_;
     int attempts_ = 0;
     bool resizePending_ = false;
-    std::optional<int> exitStatus_;
+    std::optional<AttachEnd> ending_;
 };
 
 } // namespace
 
-CommandResult attachSession(std::string_view id, const PortableMetadata& portable) {
+Result<AttachEnd> attachSession(const AttachRequest& request) {
     // A keeper that vanishes mid-write must end in a reconnect or a named
     // error, never kill the client: writes then fail with BrokenPipe.
     TRY(sys::setSignalIgnored(SIGPIPE));
-    auto detachKey = DetachKey::fromEnvironment();
-    if (!detachKey)
-        return kExitUsage;
-    UniqueFd socket = TRY(connectAndGreet(id, portable));
+    UniqueFd socket = TRY(connectAndGreet(request.id, request.portable));
     RawTerminal terminal = TRY(RawTerminal::enter());
     auto signals = sys::SignalPipe::create();
     if (!signals)
@@ -298,7 +297,7 @@ CommandResult attachSession(std::string_view id, const PortableMetadata& portabl
     TRY(signals->route(SIGWINCH, 'W'));
     std::string nonce = TRY(replayNonce());
 
-    AttachLoop loop(id, portable, std::move(socket), *signals, nonce, *detachKey);
+    AttachLoop loop(request, std::move(socket), *signals, nonce);
     return loop.run();
 }
 

@@ -5,10 +5,10 @@
 // check of the session's files.
 #pragma once
 
+#include "cli/session_metadata.hpp"
 #include "keeper/keeper_client.hpp"
 #include "keeper/replay_ring.hpp"
 #include "keeper/self_heal.hpp"
-#include "keeper/session_metadata.hpp"
 #include "keeper/shell_start.hpp"
 #include "platform/signal.hpp"
 

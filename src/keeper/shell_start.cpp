@@ -84,14 +84,4 @@ Result<ShellProcess> startShell(std::uint16_t cols, std::uint16_t rows, std::str
     return ShellProcess{std::move(pty.master), pid};
 }
 
-Result<> prepareTerminalEnvironment() {
-    auto term = sys::getEnv("TERM");
-    if (term && !term->empty() && *term != "dumb")
-        return {};
-    if (!sys::setEnv("TERM", "xterm-256color") || !sys::setEnv("COLORTERM", "truecolor") ||
-        !sys::unsetEnv("TERMINFO"))
-        return fail(Error::SetTerminalEnvironmentFailed);
-    return {};
-}
-
 } // namespace tovel

@@ -23,8 +23,4 @@ struct ShellProcess {
 [[nodiscard]] Result<ShellProcess> startShell(std::uint16_t cols, std::uint16_t rows,
                                               std::string_view cmd, std::string_view cwd);
 
-// In the spawning process: TERM missing, empty or "dumb" becomes
-// xterm-256color with COLORTERM=truecolor and no TERMINFO.
-[[nodiscard]] Result<> prepareTerminalEnvironment();
-
 } // namespace tovel

@@ -2,6 +2,7 @@
 // and exit statuses of usage, version, unknown words, the --dir pre-scan, the
 // argument checks of every command, and the answers about an empty runtime
 // directory.
+#include "cli/commands/usage.hpp"
 #include "support/test_support.hpp"
 
 #include <gtest/gtest.h>

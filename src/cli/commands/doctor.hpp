@@ -2,7 +2,7 @@
 // what to change when they will not.
 #pragma once
 
-#include "cli/command.hpp"
+#include "cli/commands/command.hpp"
 
 namespace tovel {
 

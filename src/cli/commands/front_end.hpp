@@ -1,5 +1,5 @@
 // The command-line front end: global --dir, dispatch by command word, and
-// the small commands it performs itself (new, attach's checks, version, help).
+// every command's outcome as the process exit status.
 #pragma once
 
 #include <span>
@@ -10,8 +10,5 @@ namespace tovel {
 // Runs one command line (argv without the program name) and returns the
 // process exit status.
 [[nodiscard]] int runFrontEnd(std::span<const std::string_view> args);
-
-// The usage text, printed by --help and for usage errors.
-extern const std::string_view kUsageText;
 
 } // namespace tovel

@@ -1,4 +1,5 @@
-// The `list` command: one line or one JSON object per live session.
+// The `list` command: its arguments, then one line or one JSON object per
+// live session.
 #include "cli/commands/list.hpp"
 
 #include "cli/commands/session_listing.hpp"
@@ -6,6 +7,10 @@
 #include <algorithm>
 
 namespace tovel {
+
+namespace {
+
+enum class OutputFormat { Text, Json };
 
 CommandResult listSessions(OutputFormat format) {
     std::vector<SessionEntry> sessions = TRY(enumerateLiveSessions());
@@ -36,6 +41,26 @@ CommandResult listSessions(OutputFormat format) {
     }
     printStdout(text);
     return kExitSuccess;
+}
+
+} // namespace
+
+CommandResult runList(Args args) {
+    bool json = false;
+    bool dirSeen = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--json") {
+            if (json)
+                return reportInvalidArguments("list", Error::DuplicateOption);
+            json = true;
+        } else if (args[i] == "--dir") {
+            if (auto dir = takeDirOption(args, i, dirSeen); !dir)
+                return reportInvalidArguments("list", dir.error());
+        } else {
+            return reportInvalidArguments("list", Error::UnknownOption);
+        }
+    }
+    return listSessions(json ? OutputFormat::Json : OutputFormat::Text);
 }
 
 } // namespace tovel

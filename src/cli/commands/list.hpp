@@ -1,12 +1,11 @@
-// The `list` command's output, after the front end has checked its arguments.
+// The `list` command.
 #pragma once
 
-#include "cli/command.hpp"
+#include "cli/commands/command.hpp"
 
 namespace tovel {
 
-enum class OutputFormat { Text, Json };
-
-[[nodiscard]] CommandResult listSessions(OutputFormat format);
+// `list [--json]`: one line or one JSON object per live session.
+[[nodiscard]] CommandResult runList(Args args);
 
 } // namespace tovel

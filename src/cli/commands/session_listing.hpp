@@ -4,7 +4,7 @@
 #pragma once
 
 #include "cli/json_writer.hpp"
-#include "keeper/session_metadata.hpp"
+#include "cli/session_metadata.hpp"
 
 #include <string>
 #include <vector>

@@ -1,5 +1,9 @@
-// The usage text, byte for byte.
-#include "cli/commands/front_end.hpp"
+// The usage text, byte for byte, --help and --version.
+#include "cli/commands/usage.hpp"
+
+#include "cli/version.hpp"
+
+#include <string>
 
 namespace tovel {
 
@@ -31,5 +35,18 @@ const std::string_view kUsageText =
     "      --idle-timeout exits after N seconds without a request.\n"
     "      Port 0 (default) auto-selects; the chosen port is printed as\n"
     "      `TOVEL_PTYD_SERVE_PORT <n>`. Runs until the SSH channel drops.\n";
+
+CommandResult printHelp(Args) {
+    printStdout(kUsageText);
+    return kExitSuccess;
+}
+
+CommandResult printVersion(Args) {
+    std::string line = "tovel-ptyd v";
+    line.append(kVersion);
+    line.push_back('\n');
+    printStdout(line);
+    return kExitSuccess;
+}
 
 } // namespace tovel

@@ -1,12 +1,12 @@
 // The `connect` command: creates a session by running this program's own
 // `new` as a child, shows a one-line banner, then attaches to the session.
-#include "client/connect.hpp"
+#include "cli/commands/connect.hpp"
 #include "platform/decimal.hpp"
 
+#include "cli/commands/attach.hpp"
 #include "cli/log.hpp"
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
-#include "client/attach.hpp"
 #include "client/detach_key.hpp"
 #include "client/terminal_mode.hpp"
 #include "platform/process.hpp"
@@ -97,7 +97,8 @@ CommandResult runConnect(Args args) {
     if (!options)
         return reportInvalidArguments("connect", options.error());
     // An unusable detach key is refused before a keeper is started for nothing.
-    if (!DetachKey::fromEnvironment())
+    auto detachKey = DetachKey::fromEnvironment();
+    if (!detachKey)
         return kExitUsage;
     sys::WindowSize size{options->cols, options->rows};
     if (sys::isatty(0)) {
@@ -124,7 +125,9 @@ CommandResult runConnect(Args args) {
         return kExitFailure;
     }
     printBanner(id);
-    return attachSession(id, PortableMetadata{});
+    PortableMetadata noOwnerCheck;
+    AttachEnd end = TRY(attachSession(AttachRequest{id, noOwnerCheck, *detachKey}));
+    return attachExitStatus(end);
 }
 
 } // namespace tovel

@@ -1,8 +1,8 @@
 // Starting a keeper in the background and waiting for its ready byte.
-#include "keeper/launcher.hpp"
+#include "client/launcher.hpp"
 
 #include "client/protocol/keeper_arguments.hpp"
-#include "keeper/shell_start.hpp"
+#include "platform/env.hpp"
 #include "platform/process.hpp"
 #include "platform/spawn.hpp"
 #include "platform/system.hpp"
@@ -16,6 +16,18 @@ namespace tovel {
 namespace {
 
 constexpr int kReadyTimeoutMs = 5000;
+
+// The keeper's shell inherits this environment: TERM missing, empty or
+// "dumb" becomes xterm-256color with COLORTERM=truecolor and no TERMINFO.
+Result<> prepareTerminalEnvironment() {
+    auto term = sys::getEnv("TERM");
+    if (term && !term->empty() && *term != "dumb")
+        return {};
+    if (!sys::setEnv("TERM", "xterm-256color") || !sys::setEnv("COLORTERM", "truecolor") ||
+        !sys::unsetEnv("TERMINFO"))
+        return fail(Error::SetTerminalEnvironmentFailed);
+    return {};
+}
 
 } // namespace
 

@@ -1,7 +1,7 @@
 // The keeper process's entry: "--keeper-exec" and its 12 arguments.
 #pragma once
 
-#include "cli/command.hpp"
+#include "cli/commands/command.hpp"
 
 namespace tovel {
 

@@ -1,5 +1,5 @@
 // Formatting, parsing, writing and reading the metadata record.
-#include "keeper/session_metadata.hpp"
+#include "cli/session_metadata.hpp"
 #include "platform/decimal.hpp"
 
 #include "cli/number.hpp"

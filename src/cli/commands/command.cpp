@@ -1,5 +1,5 @@
 // The shared argument-error report.
-#include "cli/command.hpp"
+#include "cli/commands/command.hpp"
 
 #include "cli/log.hpp"
 #include "platform/system.hpp"

@@ -1,9 +1,8 @@
-// The `serve` command: options, root checks, the loopback listener, the
-// accept loop with its idle timeout, and one detached thread per connection.
-#include "serve/serve_command.hpp"
+// The server: root checks, the loopback listener, the accept loop with its
+// idle timeout, and one detached thread per connection.
+#include "serve/server.hpp"
 
 #include "cli/log.hpp"
-#include "cli/number.hpp"
 #include "platform/clock.hpp"
 #include "platform/signal.hpp"
 #include "platform/system.hpp"
@@ -25,69 +24,6 @@ constexpr int kIdlePollMs = 1000;
 constexpr int kAcceptBurst = 64;
 constexpr int kAcceptFailurePauseMs = 50;
 constexpr std::size_t kConnectionStackSize = 16 * 1024 * 1024;
-
-struct ServeOptions {
-    std::string_view root;
-    std::uint16_t port = 0;
-    serve::BrowseMode browseMode = serve::BrowseMode::Off;
-    std::uint32_t idleTimeoutSeconds = 0; // 0: none
-};
-
-Result<ServeOptions> parseServeOptions(Args args) {
-    if (args.empty())
-        return fail(Error::MissingDirectory);
-    ServeOptions options;
-    bool sawRoot = false, sawPort = false, sawBrowser = false, sawBrowseMode = false,
-         sawIdle = false;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        std::string_view arg = args[i];
-        bool takesValue = arg == "--port" || arg == "--idle-timeout" || arg == "--dir";
-        if (takesValue && i + 1 >= args.size())
-            return fail(Error::MissingOptionValue);
-        if (arg == "--port") {
-            if (sawPort)
-                return fail(Error::DuplicateOption);
-            sawPort = true;
-            auto port = parseNumber<std::uint16_t>(args[++i]);
-            if (!port)
-                return fail(Error::InvalidOptionValue);
-            options.port = *port;
-        } else if (arg == "--idle-timeout") {
-            if (sawIdle)
-                return fail(Error::DuplicateOption);
-            sawIdle = true;
-            std::string_view value = args[++i];
-            auto seconds = value.starts_with('-') ? fail(Error::InvalidCharacter)
-                                                  : parseNumber<std::uint32_t>(value);
-            if (!seconds || *seconds == 0)
-                return fail(Error::InvalidOptionValue);
-            options.idleTimeoutSeconds = *seconds;
-        } else if (arg == "--dir") {
-            ++i; // the global runtime-directory option: accepted, unused here
-        } else if (arg == "--browser") {
-            if (sawBrowser)
-                return fail(Error::DuplicateOption);
-            sawBrowser = true;
-        } else if (arg == "--browse-mode") {
-            if (sawBrowseMode)
-                return fail(Error::DuplicateOption);
-            sawBrowseMode = true;
-            options.browseMode = serve::BrowseMode::On;
-        } else if (arg.starts_with("--")) {
-            return fail(Error::UnknownOption);
-        } else {
-            if (arg.empty())
-                return fail(Error::InvalidDirectory);
-            if (sawRoot)
-                return fail(Error::DuplicateOption);
-            sawRoot = true;
-            options.root = arg;
-        }
-    }
-    if (!sawRoot)
-        return fail(Error::MissingDirectory);
-    return options;
-}
 
 // The accepted descriptor travels to its thread in a small heap cell, the
 // one allocation a connection costs the accept loop; the thread frees it.
@@ -182,8 +118,7 @@ sys::DetachedThreadStarter& connectionThreads() {
 
 } // namespace
 
-CommandResult runServe(Args args) {
-    ServeOptions options = TRY(parseServeOptions(args));
+Result<serve::ServeEnd> serve::runServer(const serve::ServeRequest& options) {
     serve::ServeSettings& settings = processSettings();
     settings.browseMode = options.browseMode;
     settings.root = std::string(options.root);
@@ -192,25 +127,25 @@ CommandResult runServe(Args args) {
     auto real = sys::realpath(options.root);
     if (!real) {
         printStderr("serve: cannot open directory ", options.root, ": ", real.error(), "\n");
-        return kExitFailure;
+        return ServeEnd::StartFailed;
     }
     settings.rootRealPath = *real;
     auto status = sys::stat(*real);
     if (!status) {
         printStderr("serve: cannot stat ", options.root, ": ", status.error(), "\n");
-        return kExitFailure;
+        return ServeEnd::StartFailed;
     }
     if (!S_ISDIR(status->st_mode)) {
         printStderr("serve: not a directory: ", options.root, "\n");
-        return kExitFailure;
+        return ServeEnd::StartFailed;
     }
 
     sys::DetachedThreadStarter& threads = connectionThreads();
-    // Start-up failures have printed their own line; the command just fails.
+    // Start-up failures have printed their own line.
     std::uint16_t port = 0;
     auto listening = listenOnLoopback(options.port, port);
     if (!listening)
-        return kExitFailure;
+        return ServeEnd::StartFailed;
     UniqueFd listener = std::move(*listening);
     char line[48] = "TOVEL_PTYD_SERVE_PORT ";
     std::size_t prefix = std::char_traits<char>::length(line);
@@ -238,8 +173,7 @@ CommandResult runServe(Args args) {
             continue;
         acceptPending(listener.get(), settings, threads);
     }
-    printStderr("serve: idle timeout after ", options.idleTimeoutSeconds, "s\n");
-    return kExitSuccess;
+    return ServeEnd::IdleTimeout;
 }
 
 } // namespace tovel

@@ -1,7 +1,7 @@
 // The keeper process's entry: decodes the arguments after "--keeper-exec",
 // points the standard streams away from the caller's terminal and runs the
 // keeper.
-#include "keeper/keeper_entry.hpp"
+#include "cli/commands/keeper_entry.hpp"
 
 #include "cli/log.hpp"
 #include "cli/runtime_dir.hpp"

@@ -1,7 +1,7 @@
 // The `connect` command.
 #pragma once
 
-#include "cli/command.hpp"
+#include "cli/commands/command.hpp"
 
 namespace tovel {
 

@@ -1,7 +1,7 @@
-// The `serve` command: a loopback HTTP/1.1 file server.
+// The `serve` command.
 #pragma once
 
-#include "cli/command.hpp"
+#include "cli/commands/command.hpp"
 
 namespace tovel {
 

@@ -1,19 +1,19 @@
 // The `ensure` command: attaches to the keeper of a session id if one is
 // live, and otherwise starts one bound to exactly that id first. With
 // portable metadata it refuses a session whose recorded owner disagrees.
-#include "client/ensure.hpp"
+#include "cli/commands/ensure.hpp"
 
+#include "cli/commands/attach.hpp"
 #include "cli/log.hpp"
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
-#include "client/attach.hpp"
+#include "cli/session_metadata.hpp"
 #include "client/detach_key.hpp"
 #include "client/greeting.hpp"
+#include "client/launcher.hpp"
 #include "client/protocol/frame.hpp"
 #include "client/protocol/portable_takeover.hpp"
 #include "client/protocol/session_address.hpp"
-#include "keeper/launcher.hpp"
-#include "keeper/session_metadata.hpp"
 #include "platform/env.hpp"
 
 namespace tovel {
@@ -93,7 +93,8 @@ CommandResult runEnsure(Args args) {
     if (!options)
         return reportInvalidArguments("ensure", options.error());
     // An unusable detach key is refused before a keeper is started for nothing.
-    if (!DetachKey::fromEnvironment())
+    auto detachKey = DetachKey::fromEnvironment();
+    if (!detachKey)
         return kExitUsage;
     // A missing directory is no error here: its keepers still answer on
     // their abstract names.
@@ -102,16 +103,17 @@ CommandResult runEnsure(Args args) {
     if (auto stop = makeLive(id, *options))
         return *stop;
     const PortableMetadata& portable = options->portable;
-    if (portable.empty())
-        return attachSession(id, portable);
-    if (auto refused = refuseStranger(id, portable))
-        return *refused;
+    if (!portable.empty()) {
+        if (auto refused = refuseStranger(id, portable))
+            return *refused;
+    }
 
-    auto attached = attachSession(id, portable);
+    auto attached = attachSession(AttachRequest{id, portable, *detachKey});
     // The exchange has already printed why the keeper refused.
-    if (!attached && isTakeoverRefusal(attached.error()))
+    if (!attached && !portable.empty() && isTakeoverRefusal(attached.error()))
         return kExitRefused;
-    return attached;
+    AttachEnd end = TRY(std::move(attached));
+    return attachExitStatus(end);
 }
 
 } // namespace tovel

@@ -1,7 +1,7 @@
 // The `kill` command.
 #pragma once
 
-#include "cli/command.hpp"
+#include "cli/commands/command.hpp"
 
 namespace tovel {
 
