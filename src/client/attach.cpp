@@ -49,6 +49,25 @@ Error pollError(Error error) {
 // What handling a batch of keeper frames decided.
 enum class Flow { Continue, Reconnect };
 
+// How a reconnect turned out: back on a new connection, so the attach goes
+// on, or the attach ends with an exit status or an error.
+class Ending {
+  public:
+    static Ending none() { return Ending(false, 0); }
+    static Ending withStatus(int status) { return Ending(true, status); }
+    static Ending withError(Error error) { return Ending(true, fail(error)); }
+
+    // Whether the attach ends here.
+    explicit operator bool() const { return ends_; }
+    [[nodiscard]] Result<int> result() const { return result_; }
+
+  private:
+    Ending(bool ends, Result<int> result) : ends_(ends), result_(result) {}
+
+    bool ends_;
+    Result<int> result_;
+};
+
 class AttachLoop {
   public:
     AttachLoop(std::string_view id, const PortableMetadata& portable, UniqueFd socket,
@@ -107,8 +126,8 @@ class AttachLoop {
                 if (detachKey_.detaches(bytes))
                     return kExitSuccess;
                 while (!write_frame(socket_.get(), FrameType::Input, bytes)) {
-                    if (auto ending = reconnect())
-                        return *ending;
+                    if (Ending ending = reconnect())
+                        return ending.result();
                 }
             }
 
@@ -117,8 +136,8 @@ class AttachLoop {
                 if (exitStatus_)
                     return *exitStatus_;
                 if (flow == Flow::Reconnect) {
-                    if (auto ending = reconnect())
-                        return *ending;
+                    if (Ending ending = reconnect())
+                        return ending.result();
                 }
             }
 
@@ -127,8 +146,8 @@ class AttachLoop {
                 sys::WindowSize size = localWindowSize();
                 if (!write_frame(socket_.get(), FrameType::Resize,
                                  encodeWinsize(size.cols, size.rows))) {
-                    if (auto ending = reconnect())
-                        return *ending;
+                    if (Ending ending = reconnect())
+                        return ending.result();
                 }
             }
         }
@@ -209,13 +228,13 @@ class AttachLoop {
     // holds the session and retrying cannot succeed, so the caller must hear
     // "refused" rather than "connection lost". Every other failure ends the
     // attach with status 130.
-    std::optional<Result<int>> reconnect() {
+    Ending reconnect() {
         auto connected = reconnectSeries();
         if (connected)
-            return std::nullopt;
+            return Ending::none();
         if (isTakeoverRefusal(connected.error()))
-            return Result<int>(fail(connected.error()));
-        return Result<int>(kExitInterrupted);
+            return Ending::withError(connected.error());
+        return Ending::withStatus(kExitInterrupted);
     }
 
     Result<> reconnectSeries() {
