@@ -27,6 +27,9 @@ constexpr std::size_t kWinsizePayloadSize = 4;
 // Output frames, replayed or live, fit the attach client's 64 KiB receive
 // buffer whole, so streaming never makes the client grow it.
 constexpr std::size_t kOutputBatchSize = kPtyReadSize - kFrameHeaderSize;
+// Well under the terminal's 4 KiB line buffer, which a shell writing in
+// bulk keeps full.
+constexpr std::size_t kPtyShortRead = 2048;
 // The poll set: these fixed slots, then one slot per client in table order.
 enum PollSlot : std::size_t {
     kPathListenerSlot,
@@ -264,7 +267,9 @@ void KeeperLoop::readPty() {
     // The terminal hands out at most its 4 KiB line buffer per read and
     // refills it from what the shell has already written when read again.
     // Draining it here costs one wake-up and one frame per client for up to
-    // a whole frame of output instead of one per 4 KiB.
+    // a whole frame of output instead of one per 4 KiB. A short read means
+    // the shell has paused (a keystroke's echo): asking again would only be
+    // refused.
     std::size_t filled = 0;
     bool gone = false;
     while (filled < kOutputBatchSize) {
@@ -277,6 +282,8 @@ void KeeperLoop::readPty() {
             break;
         }
         filled += *got;
+        if (*got < kPtyShortRead)
+            break;
     }
     if (filled > 0) {
         std::string_view bytes(readBuffer_.get(), filled);
