@@ -61,37 +61,30 @@ bool changesState(unsigned char byte) {
     return byte < 0x20 && (kStateControls >> byte & 1u) != 0;
 }
 
-constexpr std::uint64_t everyByte(std::uint8_t value) {
-    return 0x0101010101010101ull * value;
-}
+// Sixteen bytes compared at once (the compiler's portable vector types).
+using Block = unsigned char __attribute__((vector_size(16)));
+// What comparing blocks gives: each byte all ones where true.
+using BlockMask = signed char __attribute__((vector_size(16)));
 
-// Whether some byte of the word is zero; exact as a yes or no.
-constexpr bool hasZeroByte(std::uint64_t word) {
-    return ((word - everyByte(0x01)) & ~word & everyByte(0x80)) != 0;
-}
-
-// Whether some byte of the word is a control byte that changes the state.
-constexpr bool hasStateControl(std::uint64_t word) {
-    // A word holds a byte below 0x20 exactly when subtracting 0x20 from
-    // every byte borrows into a byte whose top bit was clear: the common
-    // case, text, is settled by that alone.
-    if (((word - everyByte(0x20)) & ~word & everyByte(0x80)) == 0)
-        return false;
-    static_assert((kShiftIn & 0xfe) == kShiftOut && (kSubstitute & 0xfd) == kCancel);
-    return hasZeroByte((word & everyByte(0xfe)) ^ everyByte(kShiftOut)) ||
-           hasZeroByte((word & everyByte(0xfd)) ^ everyByte(kCancel)) ||
-           hasZeroByte(word ^ everyByte(kEscape));
+bool anyByteSet(BlockMask mask) {
+    std::uint64_t halves[2];
+    std::memcpy(halves, &mask, sizeof halves);
+    return (halves[0] | halves[1]) != 0;
 }
 
 // The first control byte that changes the state from `at` on, or `end`,
-// eight bytes at a time.
+// sixteen bytes at a time.
 const unsigned char* skipText(const unsigned char* at, const unsigned char* end) {
-    while (end - at >= 8) {
-        std::uint64_t word;
-        std::memcpy(&word, at, sizeof word);
-        if (hasStateControl(word))
+    static_assert((kShiftIn & 0xfe) == kShiftOut && (kSubstitute & 0xfd) == kCancel);
+    while (end - at >= 16) {
+        Block block;
+        std::memcpy(&block, at, sizeof block);
+        // Text, the common case, is settled by the first test alone.
+        if (anyByteSet(block < 0x20) &&
+            anyByteSet(((block & 0xfe) == kShiftOut) | ((block & 0xfd) == kCancel) |
+                       (block == kEscape)))
             break;
-        at += 8;
+        at += 16;
     }
     while (at < end && !changesState(*at))
         ++at;
