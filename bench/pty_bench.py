@@ -16,6 +16,7 @@ MIB = 1048576
 PRODUCER = "head -c %d /dev/zero | tr '\\0' a; echo; echo BENCH-END" % (32 * MIB)
 started = []  # (kind, handle) to clean up
 DELIVERY = []  # per tovel throughput run: (mid-stream replays, every byte delivered)
+CPU = []  # per tovel throughput run: (keeper, attach client) CPU milliseconds per MiB
 
 
 def spawn(argv, cols=80, rows=24):
@@ -82,6 +83,15 @@ def rss_kib(pid):
     return 0
 
 
+def cpu_ns(pid):
+    """Time the process has spent on a CPU, user and kernel, in nanoseconds."""
+    try:
+        with open('/proc/%d/schedstat' % pid) as f:
+            return int(f.read().split()[0])
+    except OSError:
+        return 0
+
+
 def tovel_session(cmd):
     out = subprocess.run([BIN, 'new', '--cmd', cmd], env=ENV, capture_output=True, text=True, check=True).stdout
     sid = out.strip()
@@ -115,6 +125,8 @@ def throughput(kind, cols, rows):
     wait_raw(fd, kind)
     peak = [0]
     counts = {b'a': 0, b'pty-replay-start': 0}
+    keeper = started[-1][1][1] if kind == 'tovel' else 0
+    cpu0 = (cpu_ns(keeper), cpu_ns(pid))
     t0 = time.monotonic()
     os.write(fd, b'\r')
     got = read_until(fd, b'BENCH-END', counts=counts)
@@ -123,6 +135,7 @@ def throughput(kind, cols, rows):
         # The session printed nothing before "go": any replay marker is a
         # reconnect in mid-stream, and then bytes went missing.
         DELIVERY.append((counts[b'pty-replay-start'], counts[b'a'] == 32 * MIB))
+        CPU.append(((cpu_ns(keeper) - cpu0[0]) / 32e6, (cpu_ns(pid) - cpu0[1]) / 32e6))
     if kind == 'tovel':
         try:
             peak[0] = rss_kib(pid)
@@ -237,6 +250,8 @@ def replay_and_reattach():
     read_until(fd, b'RAW-END')
     raw = time.monotonic() - t0
     finish(pid, fd)
+    if not shutil.which('dtach'):
+        return first * 1000, float('nan'), replay * 1000, raw * 1000
     # dtach's first byte on reattach to a session with output.
     sock = os.path.join(WORK, 'r.sock')
     subprocess.run(['dtach', '-n', sock, '-E', 'sh', '-c', 'echo hello; read x'], env=ENV, check=True)
@@ -252,8 +267,9 @@ def replay_and_reattach():
 
 def tracking_cost(tovel_mibs):
     """The terminal-state parser's own speed, and its share of the time each
-    byte takes at the measured throughput (the keeper parses every byte once
-    as it leaves the replay ring, the attach client once as it prints it)."""
+    byte takes at the measured throughput. Every byte is parsed twice: by the
+    keeper as it leaves the replay ring and by the attach client as it
+    prints it; the share counts both passes."""
     root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     exe = os.path.join(WORK, 'terminal_state_bench')
     if not os.path.exists(exe):
@@ -261,9 +277,9 @@ def tracking_cost(tovel_mibs):
                         os.path.join(root, 'bench/terminal_state_bench.cpp'),
                         os.path.join(root, 'src/client/protocol/terminal_state.cpp')], check=True)
     speeds = dict(line.split() for line in subprocess.run([exe], capture_output=True, text=True, check=True).stdout.splitlines())
-    print('Terminal-state parser (MiB/s; share of each byte\'s time at %.1f MiB/s):\n' % tovel_mibs)
+    print('Terminal-state parser (MiB/s; share of each byte\'s time at %.1f MiB/s, two passes):\n' % tovel_mibs)
     for shape, mibs in speeds.items():
-        print('- %s: %s (%.2f%%)' % (shape, mibs, 100.0 * tovel_mibs / float(mibs)))
+        print('- %s: %s (%.2f%%)' % (shape, mibs, 200.0 * tovel_mibs / float(mibs)))
     print()
 
 
@@ -300,12 +316,16 @@ def main():
             print('Throughput %dx%d (MiB/s, median; ratio to raw PTY):\n' % (cols, rows))
             for k in kinds:
                 m = statistics.median(results[k])
-                print('- %s: %.1f (%.2fx)' % (k, m, m / raw))
+                ratios = sorted(x / y for x, y in zip(results[k], results['raw']))
+                print('- %s: %.1f (%.2fx; rounds %.2f-%.2fx)' % (k, m, m / raw, ratios[0], ratios[-1]))
             if rss:
                 print('- tovel attach client RSS while streaming: %d KiB' % max(rss))
             print('- tovel mid-stream replays: %d in %d runs; every byte delivered in %d of %d'
                   % (sum(r for r, _ in DELIVERY), len(DELIVERY), sum(1 for _, ok in DELIVERY if ok), len(DELIVERY)))
             DELIVERY.clear()
+            print('- tovel CPU per MiB (median): keeper %.2f ms, attach client %.2f ms'
+                  % (statistics.median(k for k, _ in CPU), statistics.median(c for _, c in CPU)))
+            CPU.clear()
             print()
             tracking_cost(statistics.median(results['tovel']))
         if '--throughput' in sys.argv:
@@ -323,8 +343,9 @@ def main():
             print('- %s: %.0f / %.0f (%.2fx / %.2fx)' % (k, p50, p99, p50 / rp50, p99 / rp99))
         idle, full, after = keeper_memory()
         print('\nKeeper RSS: idle %d KiB, ring full %d KiB, after 100 MiB %d KiB\n' % (idle, full, after))
-        t, d = new_latency()
-        print('`new` returning the id: median %.2f ms; `dtach -n`: %.2f ms (%.2fx)\n' % (t, d, t / d))
+        if shutil.which('dtach'):
+            t, d = new_latency()
+            print('`new` returning the id: median %.2f ms; `dtach -n`: %.2f ms (%.2fx)\n' % (t, d, t / d))
         first, dfirst, replay, raw = replay_and_reattach()
         print('Reattach first byte: tovel %.2f ms, dtach %.2f ms' % (first, dfirst))
         print('Full 1 MiB replay to end marker: %.2f ms; raw PTY carrying 1 MiB: %.2f ms (%.2fx)' % (replay, raw, replay / raw))

@@ -49,6 +49,25 @@ Error pollError(Error error) {
 // What handling a batch of keeper frames decided.
 enum class Flow { Continue, Reconnect };
 
+// How a reconnect turned out: back on a new connection, so the attach goes
+// on, or the attach ends with an exit status or an error.
+class Ending {
+  public:
+    static Ending none() { return Ending(false, AttachEnd{}); }
+    static Ending with(AttachEnd end) { return Ending(true, end); }
+    static Ending withError(Error error) { return Ending(true, fail(error)); }
+
+    // Whether the attach ends here.
+    explicit operator bool() const { return ends_; }
+    [[nodiscard]] Result<AttachEnd> result() const { return result_; }
+
+  private:
+    Ending(bool ends, Result<AttachEnd> result) : ends_(ends), result_(result) {}
+
+    bool ends_;
+    Result<AttachEnd> result_;
+};
+
 class AttachLoop {
   public:
     AttachLoop(const AttachRequest& request, UniqueFd socket, sys::SignalPipe& signals,
@@ -108,8 +127,8 @@ class AttachLoop {
                 if (detachKey_.detaches(bytes))
                     return AttachEnd{AttachEnd::How::InputClosed};
                 while (!write_frame(socket_.get(), FrameType::Input, bytes)) {
-                    if (auto ending = reconnect())
-                        return *ending;
+                    if (Ending ending = reconnect())
+                        return ending.result();
                 }
             }
 
@@ -118,8 +137,8 @@ class AttachLoop {
                 if (ending_)
                     return *ending_;
                 if (flow == Flow::Reconnect) {
-                    if (auto ending = reconnect())
-                        return *ending;
+                    if (Ending ending = reconnect())
+                        return ending.result();
                 }
             }
 
@@ -128,8 +147,8 @@ class AttachLoop {
                 sys::WindowSize size = localWindowSize();
                 if (!write_frame(socket_.get(), FrameType::Resize,
                                  encodeWinsize(size.cols, size.rows))) {
-                    if (auto ending = reconnect())
-                        return *ending;
+                    if (Ending ending = reconnect())
+                        return ending.result();
                 }
             }
         }
@@ -211,13 +230,13 @@ class AttachLoop {
     // holds the session and retrying cannot succeed, so the caller must hear
     // "refused" rather than "connection lost". Every other failure ends the
     // attach as interrupted.
-    std::optional<Result<AttachEnd>> reconnect() {
+    Ending reconnect() {
         auto connected = reconnectSeries();
         if (connected)
-            return std::nullopt;
+            return Ending::none();
         if (isTakeoverRefusal(connected.error()))
-            return Result<AttachEnd>(fail(connected.error()));
-        return Result<AttachEnd>(AttachEnd{AttachEnd::How::Interrupted});
+            return Ending::withError(connected.error());
+        return Ending::with(AttachEnd{AttachEnd::How::Interrupted});
     }
 
     Result<> reconnectSeries() {

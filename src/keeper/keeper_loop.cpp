@@ -24,9 +24,20 @@ constexpr std::size_t kSignalReadSize = 16;
 constexpr int kFinalFlushTimeoutMs = 2000;
 constexpr std::uint32_t kSignalledStatusBits = 0xFFFFFF80u;
 constexpr std::size_t kWinsizePayloadSize = 4;
-constexpr std::size_t kReplayFramePayload = 65536 - kFrameHeaderSize;
-// Poll entries before the clients: two listeners, the PTY, the signal pipe.
-constexpr std::size_t kFixedPollEntries = 4;
+// Output frames, replayed or live, fit the attach client's 64 KiB receive
+// buffer whole, so streaming never makes the client grow it.
+constexpr std::size_t kOutputBatchSize = kPtyReadSize - kFrameHeaderSize;
+// Well under the terminal's 4 KiB line buffer, which a shell writing in
+// bulk keeps full.
+constexpr std::size_t kPtyShortRead = 2048;
+// The poll set: these fixed slots, then one slot per client in table order.
+enum PollSlot : std::size_t {
+    kPathListenerSlot,
+    kAbstractListenerSlot,
+    kPtySlot,
+    kSignalSlot,
+    kFirstClientSlot,
+};
 constexpr std::int64_t kHangupAfterTermMs = 2000;
 constexpr std::int64_t kKillAfterHangupMs = 5000;
 
@@ -86,14 +97,16 @@ std::uint32_t KeeperLoop::run() {
     while (!exitStatus_) {
         std::int64_t now = sys::monotonicMs();
         OutputFlow flow = outputFlow(clients_, now);
-        entries.clear();
-        entries.push_back({listeners_.path.get(), POLLIN, 0});
-        entries.push_back({listeners_.abstract.get(), POLLIN, 0});
-        short ptyEvents = terminalGone_ || !flow.readShell ? 0 : POLLIN;
-        if (!terminalGone_ && !ptyInput_.empty())
-            ptyEvents |= POLLOUT;
-        entries.push_back({terminalGone_ ? -1 : shell_.master.get(), ptyEvents, 0});
-        entries.push_back({signals_.readFd(), POLLIN, 0});
+        entries.assign(kFirstClientSlot, pollfd{-1, 0, 0});
+        entries[kPathListenerSlot] = {listeners_.path.get(), POLLIN, 0};
+        entries[kAbstractListenerSlot] = {listeners_.abstract.get(), POLLIN, 0};
+        if (!terminalGone_) {
+            short ptyEvents = flow.readShell ? POLLIN : 0;
+            if (!ptyInput_.empty())
+                ptyEvents |= POLLOUT;
+            entries[kPtySlot] = {shell_.master.get(), ptyEvents, 0};
+        }
+        entries[kSignalSlot] = {signals_.readFd(), POLLIN, 0};
         for (const auto& client : clients_) {
             short events = POLLIN;
             if (!client->output.empty())
@@ -107,21 +120,22 @@ std::uint32_t KeeperLoop::run() {
             continue;
         }
 
-        if (entries[3].revents != 0 || terminationRequested_)
+        if (entries[kSignalSlot].revents != 0 || terminationRequested_)
             handleSignals();
         if (exitStatus_)
             break;
-        for (std::size_t listener = 0; listener < 2; ++listener) {
+        for (PollSlot listener : {kPathListenerSlot, kAbstractListenerSlot}) {
             if (entries[listener].revents & POLLIN)
                 acceptClient(entries[listener].fd);
         }
-        if (entries[2].revents & (POLLIN | POLLHUP | POLLERR))
+        if (entries[kPtySlot].revents & (POLLIN | POLLHUP | POLLERR))
             readPty();
 
-        std::size_t polledClients = entries.size() - kFixedPollEntries;
+        // Clients accepted in this wake-up have no slot yet.
+        std::size_t polledClients = entries.size() - kFirstClientSlot;
         for (std::size_t i = 0; i < polledClients && i < clients_.size(); ++i) {
             KeeperClient& client = *clients_[i];
-            short revents = entries[i + kFixedPollEntries].revents;
+            short revents = entries[kFirstClientSlot + i].revents;
             if (!client.dropped && (revents & POLLOUT))
                 flushClient(client);
             if (!client.dropped && (revents & (POLLIN | POLLHUP | POLLERR)))
@@ -250,22 +264,41 @@ void KeeperLoop::acceptClient(int listener) {
 }
 
 void KeeperLoop::readPty() {
-    auto got = sys::read(shell_.master.get(), std::span(readBuffer_.get(), kPtyReadSize));
-    if (!got && got.error() == Error::WouldBlock)
-        return;
-    if (!got || *got == 0) {
+    // The terminal hands out at most its 4 KiB line buffer per read and
+    // refills it from what the shell has already written when read again.
+    // Draining it here costs one wake-up and one frame per client for up to
+    // a whole frame of output instead of one per 4 KiB. A short read means
+    // the shell has paused (a keystroke's echo): asking again would only be
+    // refused.
+    std::size_t filled = 0;
+    bool gone = false;
+    while (filled < kOutputBatchSize) {
+        auto got = sys::read(shell_.master.get(),
+                             std::span(readBuffer_.get() + filled, kOutputBatchSize - filled));
+        if (!got && got.error() == Error::WouldBlock)
+            break;
+        if (!got || *got == 0) {
+            gone = true;
+            break;
+        }
+        filled += *got;
+        if (*got < kPtyShortRead)
+            break;
+    }
+    if (filled > 0) {
+        std::string_view bytes(readBuffer_.get(), filled);
+        ring_.append(bytes);
+        for (auto& client : clients_) {
+            if (client->attached && !client->dropped)
+                sendOutput(*client, bytes);
+        }
+    }
+    if (gone) {
         // The terminal is gone: the shell has ended or is about to. Keep
         // ticking until it is reaped.
         terminalGone_ = true;
         terminationRequested_ = true;
         reapShell();
-        return;
-    }
-    std::string_view bytes(readBuffer_.get(), *got);
-    ring_.append(bytes);
-    for (auto& client : clients_) {
-        if (client->attached && !client->dropped)
-            sendOutput(*client, bytes);
     }
 }
 
@@ -276,38 +309,17 @@ void KeeperLoop::writePtyInput() {
 }
 
 void KeeperLoop::sendOutput(KeeperClient& client, std::string_view payload) {
+    // Behind already: the frame waits its turn, and the socket is written
+    // when poll reports room.
     if (!client.output.empty()) {
         (void)queueFrame(client, FrameType::Output, payload);
         return;
     }
-    // Caught up until now: whatever stays queued starts its wait here.
-    client.progressAtMs = sys::monotonicMs();
     char header[kFrameHeaderSize];
     encodeFrameHeader(header, FrameType::Output, payload.size());
-    std::string_view pieces[] = {std::string_view(header, sizeof header), payload};
-    auto written = sys::writev(client.fd.get(), pieces);
-    std::size_t sent = 0;
-    if (written) {
-        sent = *written;
-    } else if (written.error() != Error::WouldBlock) {
-        logWarning(LogScope::Keeper, "client output failed fd=", client.fd.get(),
-                   " err=", written.error());
-        client.dropped = true;
-        return;
-    }
-    if (sent >= sizeof header + payload.size())
-        return;
-    std::string_view headerRest = sent < sizeof header
-                                      ? std::string_view(header + sent, sizeof header - sent)
-                                      : std::string_view();
-    std::string_view payloadRest =
-        sent < sizeof header ? payload : payload.substr(sent - sizeof header);
-    if (auto queued = client.output.append(headerRest, payloadRest, Error::OutputBackpressure);
-        !queued) {
-        logWarning(LogScope::Keeper, "client output queue full fd=", client.fd.get(),
-                   " err=", queued.error());
-        client.dropped = true;
-    }
+    if (auto written = writeClient(client, std::string_view(header, sizeof header), payload);
+        !written)
+        reportOutputFailure(client, written.error());
 }
 
 Result<> KeeperLoop::queueFrame(KeeperClient& client, FrameType type, std::string_view payload) {
@@ -317,28 +329,54 @@ Result<> KeeperLoop::queueFrame(KeeperClient& client, FrameType type, std::strin
     encodeFrameHeader(header, type, payload.size());
     auto queued = client.output.append(std::string_view(header, sizeof header), payload,
                                        Error::OutputBackpressure);
-    if (!queued) {
-        logWarning(LogScope::Keeper, "client output queue full fd=", client.fd.get(),
-                   " err=", queued.error());
-        client.dropped = true;
-    }
+    if (!queued)
+        reportOutputFailure(client, queued.error());
     return queued;
 }
 
 void KeeperLoop::flushClient(KeeperClient& client) {
-    while (!client.output.empty()) {
-        auto written = sys::write(client.fd.get(), client.output.front());
-        if (!written && written.error() == Error::WouldBlock)
-            return;
-        if (!written) {
-            logWarning(LogScope::Keeper, "client output failed fd=", client.fd.get(),
-                       " err=", written.error());
-            client.dropped = true;
-            return;
-        }
-        client.output.consume(*written);
+    if (auto written = writeClient(client); !written)
+        reportOutputFailure(client, written.error());
+}
+
+Result<> KeeperLoop::writeClient(KeeperClient& client, std::string_view header,
+                                 std::string_view payload) {
+    // Caught up until now: whatever stays queued starts its wait here.
+    if (client.output.empty())
         client.progressAtMs = sys::monotonicMs();
+    for (;;) {
+        std::string_view pieces[] = {client.output.front(), header, payload};
+        std::size_t wanted = pieces[0].size() + header.size() + payload.size();
+        if (wanted == 0)
+            return {};
+        auto written = sys::writev(client.fd.get(), pieces);
+        if (!written && written.error() == Error::WouldBlock)
+            break;
+        if (!written)
+            return fail(written.error());
+        client.progressAtMs = sys::monotonicMs();
+        std::size_t sent = *written;
+        std::size_t fromQueue = std::min(sent, pieces[0].size());
+        client.output.consume(fromQueue);
+        sent -= fromQueue;
+        std::size_t fromHeader = std::min(sent, header.size());
+        header.remove_prefix(fromHeader);
+        payload.remove_prefix(sent - fromHeader);
+        // A short write means the socket is full: asking again now would
+        // only be refused.
+        if (*written < wanted)
+            break;
     }
+    return client.output.append(header, payload, Error::OutputBackpressure);
+}
+
+void KeeperLoop::reportOutputFailure(KeeperClient& client, Error error) {
+    if (error == Error::OutputBackpressure)
+        logWarning(LogScope::Keeper, "client output queue full fd=", client.fd.get(),
+                   " err=", error);
+    else
+        logWarning(LogScope::Keeper, "client output failed fd=", client.fd.get(), " err=", error);
+    client.dropped = true;
 }
 
 void KeeperLoop::readClient(KeeperClient& client, short revents) {
@@ -424,12 +462,7 @@ Result<> KeeperLoop::handleHello(KeeperClient& client, std::string_view payload)
     char keeperVersion = static_cast<char>(kProtocolVersion);
     TRY(queueFrame(client, FrameType::VersionMismatch, std::string_view(&keeperVersion, 1)));
     // Best effort: the client is dropped whether or not it reads the answer.
-    while (!client.output.empty()) {
-        auto written = sys::write(client.fd.get(), client.output.front());
-        if (!written || *written == 0)
-            break;
-        client.output.consume(*written);
-    }
+    (void)writeClient(client);
     return fail(Error::IncompatibleVersion);
 }
 
@@ -447,10 +480,8 @@ Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload
     if (!replay.preamble.empty())
         TRY(queueFrame(client, FrameType::Output, replay.preamble.view()));
     for (std::string_view piece : {replay.older, replay.newer}) {
-        // Whole replay frames fit the attach client's 64 KiB receive
-        // buffer, so a replay never makes the client grow it.
         while (!piece.empty()) {
-            std::string_view chunk = piece.substr(0, kReplayFramePayload);
+            std::string_view chunk = piece.substr(0, kOutputBatchSize);
             TRY(queueFrame(client, FrameType::Output, chunk));
             piece.remove_prefix(chunk.size());
         }
@@ -543,18 +574,17 @@ void KeeperLoop::finish() {
     // A client that stops reading cannot hold the keeper forever.
     std::int64_t deadline = sys::monotonicMs() + kFinalFlushTimeoutMs;
     for (auto& client : clients_) {
-        while (!client->output.empty()) {
-            auto written = sys::write(client->fd.get(), client->output.front());
+        for (;;) {
+            auto written = writeClient(*client);
+            if (written && client->output.empty())
+                break;
             if (written) {
-                client->output.consume(*written);
-                continue;
-            }
-            if (written.error() == Error::WouldBlock) {
                 std::int64_t left = deadline - sys::monotonicMs();
                 pollfd entry{client->fd.get(), POLLOUT, 0};
                 if (left > 0 &&
                     sys::poll(std::span(&entry, 1), static_cast<int>(left)).value_or(0) > 0)
                     continue;
+                written = fail(Error::WouldBlock);
             }
             logWarning(LogScope::Keeper, "final client flush failed: ", written.error());
             break;

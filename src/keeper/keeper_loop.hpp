@@ -80,10 +80,17 @@ class KeeperLoop {
     // Queues one frame, or drops the client when its output bound is hit.
     [[nodiscard]] Result<> queueFrame(KeeperClient& client, FrameType type,
                                       std::string_view payload);
-    // Sends a frame at once when nothing is queued, queueing what the
-    // socket does not take.
+    // Sends an Output frame at once when nothing is queued, queueing what
+    // the socket does not take.
     void sendOutput(KeeperClient& client, std::string_view payload);
+    // Writes what the socket takes of the queue; a failure drops the client.
     void flushClient(KeeperClient& client);
+    // The one path to a client's socket: writes as much of its queue, then
+    // of a frame not yet queued, as the socket takes, and queues the rest
+    // of that frame. A full socket is not an error.
+    [[nodiscard]] Result<> writeClient(KeeperClient& client, std::string_view header = {},
+                                       std::string_view payload = {});
+    void reportOutputFailure(KeeperClient& client, Error error);
     void dropClient(KeeperClient& client);
     void removeDroppedClients();
     void finish();

@@ -52,20 +52,41 @@ std::uint8_t utf8PendingAfter(const unsigned char* run, const unsigned char* sto
     return static_cast<std::uint8_t>(before > length ? before - length : 0);
 }
 
-// The first byte below 0x20 from `at` on, or `end`. Eight bytes at a time:
-// a word holds such a byte exactly when subtracting 0x20 from every byte
-// borrows into a byte whose top bit was clear.
+// The control bytes that change the state; every other one only ends a
+// UTF-8 character, which the look-back over a run of text already sees.
+constexpr std::uint32_t kStateControls =
+    1u << kShiftOut | 1u << kShiftIn | 1u << kCancel | 1u << kSubstitute | 1u << kEscape;
+
+bool changesState(unsigned char byte) {
+    return byte < 0x20 && (kStateControls >> byte & 1u) != 0;
+}
+
+// Sixteen bytes compared at once (the compiler's portable vector types).
+using Block = unsigned char __attribute__((vector_size(16)));
+// What comparing blocks gives: each byte all ones where true.
+using BlockMask = signed char __attribute__((vector_size(16)));
+
+bool anyByteSet(BlockMask mask) {
+    std::uint64_t halves[2];
+    std::memcpy(halves, &mask, sizeof halves);
+    return (halves[0] | halves[1]) != 0;
+}
+
+// The first control byte that changes the state from `at` on, or `end`,
+// sixteen bytes at a time.
 const unsigned char* skipText(const unsigned char* at, const unsigned char* end) {
-    constexpr std::uint64_t kSpaces = 0x2020202020202020ull;
-    constexpr std::uint64_t kTopBits = 0x8080808080808080ull;
-    while (end - at >= 8) {
-        std::uint64_t word;
-        std::memcpy(&word, at, sizeof word);
-        if ((word - kSpaces) & ~word & kTopBits)
+    static_assert((kShiftIn & 0xfe) == kShiftOut && (kSubstitute & 0xfd) == kCancel);
+    while (end - at >= 16) {
+        Block block;
+        std::memcpy(&block, at, sizeof block);
+        // Text, the common case, is settled by the first test alone.
+        if (anyByteSet(block < 0x20) &&
+            anyByteSet(((block & 0xfe) == kShiftOut) | ((block & 0xfd) == kCancel) |
+                       (block == kEscape)))
             break;
-        at += 8;
+        at += 16;
     }
-    while (at < end && *at >= 0x20)
+    while (at < end && !changesState(*at))
         ++at;
     return at;
 }
@@ -108,6 +129,12 @@ void TerminalState::feed(std::string_view bytes) {
             if (at < end)
                 control(*at++);
             continue;
+        }
+        if (parse_ == Parse::Csi && intermediate_ == 0) {
+            // Parameters are most of a control sequence's bytes.
+            at = readParameters(at, end);
+            if (at == end)
+                break;
         }
         unsigned char byte = *at++;
         if (parse_ == Parse::String || parse_ == Parse::StringEscape)
@@ -249,6 +276,33 @@ void TerminalState::csi(unsigned char byte) {
     if (byte == ':')
         subParams_ |= 1u << paramCount_;
     params_[paramCount_++] = 0;
+}
+
+const unsigned char* TerminalState::readParameters(const unsigned char* at,
+                                                   const unsigned char* end) {
+    if (at == end || !((*at >= '0' && *at <= '9') || *at == ';'))
+        return at;
+    if (paramCount_ == 0)
+        params_[paramCount_++] = 0;
+    // The parameter being read stays in a register until it ends.
+    unsigned value = params_[paramCount_ - 1];
+    for (; at < end; ++at) {
+        unsigned digit = *at - '0';
+        if (digit <= 9) {
+            value = std::min(value * 10u + digit, unsigned{kMaxParamValue});
+            continue;
+        }
+        if (*at != ';')
+            break;
+        // With no room left, later digits go on into the last parameter.
+        if (paramCount_ == kMaxParams)
+            continue;
+        params_[paramCount_ - 1] = static_cast<std::uint16_t>(value);
+        params_[paramCount_++] = 0;
+        value = 0;
+    }
+    params_[paramCount_ - 1] = static_cast<std::uint16_t>(value);
+    return at;
 }
 
 void TerminalState::string(unsigned char byte) {

@@ -87,6 +87,9 @@ class TerminalState {
     void control(unsigned char byte);
     void escape(unsigned char byte);
     void csi(unsigned char byte);
+    // Takes the digits and semicolons of a control sequence's parameters;
+    // returns where they end.
+    const unsigned char* readParameters(const unsigned char* at, const unsigned char* end);
     void string(unsigned char byte);
     void dispatchEscape(unsigned char final);
     void dispatchCsi(unsigned char final);
