@@ -213,6 +213,30 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
     EXPECT_EQ(status, 0);
     EXPECT_NE(readText(file(id, ".log")).find("peer uid=65534"), std::string::npos);
     EXPECT_EQ(count(runBinary({"list"}, options()).out, id), 1u);
+
+    // Nor can another user pose as a keeper by binding a session's name first.
+    const std::string squatted(32, 'e');
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t squatter = ::fork();
+    if (squatter == 0) {
+        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
+            ::_exit(3);
+        auto fd = sys::listenAbstract(name.substr(0, name.size() - 32) + squatted, 8);
+        (void)!::write(ready[1], fd ? "1" : "0", 1);
+        ::pause();
+        ::_exit(0);
+    }
+    char bound = 0;
+    ASSERT_EQ(::read(ready[0], &bound, 1), 1);
+    EXPECT_EQ(bound, '1');
+    EXPECT_EQ(runBinary({"list", "--json"}, options()).out.find(squatted), std::string::npos);
+    RunResult killed = runBinary({"kill", squatted}, options());
+    EXPECT_EQ(killed.err, "session " + squatted + ": not running\n");
+    ::kill(squatter, SIGKILL);
+    ::waitpid(squatter, nullptr, 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
 }
 
 TEST_F(DurableSession, BareProbesLeaveNoLogLines) {

@@ -36,6 +36,23 @@ bool pathHasNoKeeper(Error error) {
     return error == Error::FileNotFound || error == Error::ConnectionRefused;
 }
 
+// Only a keeper of this user is a session of this user. The abstract name
+// has no file permissions: any local user can bind it first, and talking to
+// such a listener would hand it everything typed. A foreign listener counts
+// as no keeper at all.
+Result<UniqueFd> ownKeeper(Result<UniqueFd> connected) {
+    if (!connected)
+        return connected;
+    auto peer = sys::peerUid(connected->get());
+    if (!peer || *peer != sys::getuid())
+        return fail(Error::ConnectionRefused);
+    return connected;
+}
+
+Result<UniqueFd> connectAbstractKeeper(std::string_view runtimeDir, std::string_view id) {
+    return ownKeeper(sys::connectAbstract(abstractSessionName(runtimeDir, id)));
+}
+
 } // namespace
 
 std::string abstractNamePrefix(std::string_view runtimeDir) {
@@ -51,10 +68,10 @@ std::string abstractSessionName(std::string_view runtimeDir, std::string_view id
 Result<UniqueFd> connectSessionIn(std::string_view runtimeDir, std::string_view id) {
     std::string name(id);
     name.append(".sock");
-    auto connected = connectSocketPath(joinPath(runtimeDir, name));
+    auto connected = ownKeeper(connectSocketPath(joinPath(runtimeDir, name)));
     if (connected || !pathHasNoKeeper(connected.error()))
         return connected;
-    if (auto abstract = sys::connectAbstract(abstractSessionName(runtimeDir, id)))
+    if (auto abstract = connectAbstractKeeper(runtimeDir, id))
         return abstract;
     return connected;
 }
@@ -68,7 +85,7 @@ Result<UniqueFd> connect_session(std::string_view id) {
     if (directory.error() != Error::FileNotFound)
         return fail(directory.error());
     std::string chosen = TRY(chooseRuntimeDir());
-    if (auto abstract = sys::connectAbstract(abstractSessionName(chosen, id)))
+    if (auto abstract = connectAbstractKeeper(chosen, id))
         return abstract;
     return fail(directory.error());
 }
