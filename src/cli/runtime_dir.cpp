@@ -144,4 +144,14 @@ void resetRuntimeDirForTesting() {
     cachedDir.clear();
 }
 
+Result<> checkSocketPathFits() {
+    // "<RuntimeDir>/<id>.sock" must be shorter than a Unix socket address.
+    constexpr std::size_t kSocketAddressLength = 108;
+    constexpr std::size_t kSocketNameLength = 1 + kSessionIdLength + 5;
+    std::string chosen = TRY(chooseRuntimeDir());
+    if (chosen.size() + kSocketNameLength >= kSocketAddressLength)
+        return fail(Error::PathTooLong);
+    return {};
+}
+
 } // namespace tovel

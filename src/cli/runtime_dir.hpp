@@ -38,6 +38,11 @@ constexpr std::size_t kMaxRuntimeDirLength = 4096;
 // "<RuntimeDir>/<id><suffix>"; InvalidSessionId for a malformed id.
 [[nodiscard]] Result<std::string> sessionPath(std::string_view id, std::string_view suffix);
 
+// Whether the chosen directory leaves room for a session's socket path
+// (PathTooLong otherwise), checked before a keeper is launched that could
+// only fail in the dark. Creates nothing.
+[[nodiscard]] Result<> checkSocketPathFits();
+
 // Forgets the remembered directory (tests change the environment).
 void resetRuntimeDirForTesting();
 

@@ -99,6 +99,7 @@ CommandResult runEnsure(Args args) {
     // A missing directory is no error here: its keepers still answer on
     // their abstract names.
     TRY(existingRuntimeDir());
+    TRY(checkSocketPathFits());
 
     if (auto stop = makeLive(id, *options))
         return *stop;

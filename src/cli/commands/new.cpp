@@ -17,6 +17,7 @@ CommandResult runNew(Args args) {
     // A base directory that cannot be used is reported as itself, before a
     // keeper is launched that could only fail in the dark.
     TRY(runtimeDir());
+    TRY(checkSocketPathFits());
     std::string id = TRY(newSessionId());
     if (!sys::setEnv("TOVEL_SHELL_ID", id))
         return fail(Error::SetEnvironmentFailed);
