@@ -77,12 +77,6 @@ TEST_F(Listing, MalformedMetadataStillListsTheSessionWithNothingKnown) {
                   "\"shell_pid\":null,\"columns\":null,\"rows\":null}}\n");
 }
 
-TEST(JsonWriter, EscapesExactlyTheControlBytesQuotesAndBackslashes) {
-    JsonWriter json;
-    json.string(std::string("a\"b\\c/d\b\t\n\f\r\x01\x1f\x7f\xc3\xa9", 17));
-    EXPECT_EQ(json.text(), "\"a\\\"b\\\\c/d\\b\\t\\n\\f\\r\\u0001\\u001f\x7f\xc3\xa9\"");
-}
-
 TEST_F(Listing, PreflightKillsAHangingLoginShellAndCountsTheToolMissing) {
     dir_.writeFile("hang.sh", "#!/bin/sh\nexec sleep 60\n");
     ::chmod(filePath("hang", ".sh").c_str(), 0755);

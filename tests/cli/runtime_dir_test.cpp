@@ -85,20 +85,5 @@ TEST_F(RuntimeDirTest, FailuresAreNotRemembered) {
     EXPECT_EQ(sessionPath(std::string(32, 'A'), ".sock").error(), Error::InvalidSessionId);
 }
 
-TEST(JoinPath, OneSlashBetween) {
-    for (const char* left : {"/a", "/a/"}) {
-        for (const char* right : {"b", "/b"})
-            EXPECT_EQ(joinPath(left, right), "/a/b") << left << " + " << right;
-    }
-}
-
-// (Which ids are valid is seen in the commands' table.)
-TEST(SessionId, FreshIdsAreValidAndDiffer) {
-    std::string first = newSessionId().value();
-    EXPECT_TRUE(isValidSessionId(first));
-    EXPECT_NE(first, newSessionId().value());
-    EXPECT_EQ(hexEncode("\x01\xab\xff"), "01abff");
-}
-
 } // namespace
 } // namespace tovel

@@ -84,14 +84,6 @@ INSTANTIATE_TEST_SUITE_P(
         MisbehaviourCase{"SilentPastHandshakeDeadline", "", "", "client handshake timed out fd="}),
     [](const auto& info) { return info.param.name; });
 
-TEST_F(KeeperSession, LargestInputFrameIsAccepted) {
-    std::string id = startSession({"--cmd", "read x"});
-    WireConnection client = attachTo(socketPath(id));
-    ASSERT_TRUE(client.sendFrame(frame::Input, std::string(16384, 'a')));
-    ASSERT_TRUE(client.sendFrame(frame::Ping));
-    EXPECT_TRUE(collectUntil(client, frame::Pong).found);
-}
-
 TEST_F(KeeperSession, ThirtyThirdClientIsTurnedAway) {
     std::string id = startSession({"--cmd", "read x"});
     std::vector<WireConnection> clients;
