@@ -19,6 +19,9 @@ constexpr int kExitRefused = 3;
 constexpr int kExitExecFailed = 127;
 constexpr int kExitInterrupted = 130;
 
+// The two forms of the reporting commands (list, inspect, preflight).
+enum class OutputFormat { Text, Json };
+
 // Writes a command's result to standard output (write errors are ignored:
 // the reader has gone).
 void printStdout(std::string_view text);

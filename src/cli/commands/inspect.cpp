@@ -13,8 +13,6 @@ namespace tovel {
 
 namespace {
 
-enum class OutputFormat { Text, Json };
-
 struct InspectRequest {
     std::string_view id;
     OutputFormat format = OutputFormat::Text;

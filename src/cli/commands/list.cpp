@@ -10,8 +10,6 @@ namespace tovel {
 
 namespace {
 
-enum class OutputFormat { Text, Json };
-
 CommandResult listSessions(OutputFormat format) {
     std::vector<SessionEntry> sessions = TRY(enumerateLiveSessions());
     if (format == OutputFormat::Json) {

@@ -28,8 +28,6 @@ constexpr int kProbePollIntervalMs = 10;
 constexpr std::string_view kProbeScript = "trap - TERM; exec \"$1\" -c \"$2\"";
 constexpr std::string_view kProbeScriptName = "tovel-preflight";
 
-enum class OutputFormat { Text, Json };
-
 struct PreflightRequest {
     std::optional<std::string_view> session;
     std::optional<std::string_view> cwd;
