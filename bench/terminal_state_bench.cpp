@@ -1,11 +1,13 @@
-// How fast the terminal-state parser reads output of three shapes: plain
-// text, numbered lines and cursor-addressed full-screen updates. Prints one
-// "<shape> <MiB/s>" line each. Built and run by bench/pty_bench.py.
+// How fast the terminal-state parser reads output of four shapes: plain
+// text, numbered lines, full-screen redraws (rows addressed, then coloured
+// runs of text) and the worst case, every character addressed on its own.
+// Prints one "<shape> <MiB/s>" line each. Built and run by bench/pty_bench.py.
 // The bytes are parsed from a 1 MiB buffer in 64 KiB pieces, as they are in
 // use: the keeper parses bytes as they leave its 1 MiB ring, the attach
 // client the piece it has just read; both are still in the cache.
 #include "client/protocol/terminal_state.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -37,14 +39,27 @@ int main() {
     std::string lines;
     for (int i = 1; lines.size() < kSize; ++i)
         lines += std::to_string(i) + "\r\n";
-    std::string screen = "\x1b[?1049h\x1b[?1002h\x1b[?1006h\x1b[?25l\x1b(0";
-    for (int k = 0; screen.size() < kSize; ++k) {
-        screen +=
-            "\x1b[" + std::to_string(1 + k / 80 % 24) + ";" + std::to_string(1 + k % 80) + "H";
-        if (k % 3 == 0)
-            screen += "\x1b[0;1;3" + std::to_string(k % 7) + "m";
-        screen += k % 5 ? "q" : "\xe2\x82\xac";
+    std::string alternate = "\x1b[?1049h\x1b[?1002h\x1b[?1006h\x1b[?25l";
+    std::string redraws = alternate;
+    for (int k = 0; redraws.size() < kSize; ++k) {
+        redraws += "\x1b[" + std::to_string(1 + k % 24) + ";1H\x1b(0x\x1b(B";
+        for (int width = 1; width < 79;) {
+            int run = std::min(8 + (k * 7 + width) % 18, 79 - width);
+            std::string text = std::to_string(k * width);
+            text.resize(static_cast<std::size_t>(run), ' ');
+            redraws += "\x1b[0;" + std::to_string(30 + (k + width) % 8) + ";" +
+                       std::to_string(40 + k % 8) + "m" + text;
+            width += run;
+        }
+        redraws += "\x1b[m\x1b(0x\x1b(B";
     }
-    std::printf("plain %.0f\nlines %.0f\nscreen %.0f\n", mibPerSecond(plain), mibPerSecond(lines),
-                mibPerSecond(screen));
+    std::string cells = alternate + "\x1b(0";
+    for (int k = 0; cells.size() < kSize; ++k) {
+        cells += "\x1b[" + std::to_string(1 + k / 80 % 24) + ";" + std::to_string(1 + k % 80) + "H";
+        if (k % 3 == 0)
+            cells += "\x1b[0;1;3" + std::to_string(k % 7) + "m";
+        cells += k % 5 ? "q" : "\xe2\x82\xac";
+    }
+    std::printf("plain %.0f\nlines %.0f\nredraws %.0f\ncells %.0f\n", mibPerSecond(plain),
+                mibPerSecond(lines), mibPerSecond(redraws), mibPerSecond(cells));
 }

@@ -1,5 +1,6 @@
-// Fuzzes the terminal-state parser: any output, fed whole or cut anywhere,
-// must leave the same state; the preamble must rebuild that state and the
+// Fuzzes the terminal-state parser: any output, fed whole, cut anywhere or
+// a byte at a time (which never takes the whole-sequence paths), must leave
+// the same state; the preamble must rebuild that state and the
 // undo must bring it back to defaults, both within their fixed room.
 #include "client/protocol/terminal_state.hpp"
 
@@ -37,6 +38,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(cut.preamble().view() == preamble.view());
     check(cut.undo().view() == undo.view());
     check(cut.atBoundary() == whole.atBoundary());
+
+    TerminalState bytewise;
+    for (std::size_t i = 0; i < size; ++i)
+        bytewise.feed(output.substr(i, 1));
+    check(bytewise.preamble().view() == preamble.view());
+    check(bytewise.atBoundary() == whole.atBoundary());
 
     TerminalState rebuilt;
     rebuilt.feed(preamble.view());

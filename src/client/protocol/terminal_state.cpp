@@ -66,27 +66,61 @@ using Block = unsigned char __attribute__((vector_size(16)));
 // What comparing blocks gives: each byte all ones where true.
 using BlockMask = signed char __attribute__((vector_size(16)));
 
-bool anyByteSet(BlockMask mask) {
-    std::uint64_t halves[2];
-    std::memcpy(halves, &mask, sizeof halves);
-    return (halves[0] | halves[1]) != 0;
+Block loadBlock(const unsigned char* at) {
+    Block block;
+    std::memcpy(&block, at, sizeof block);
+    return block;
+}
+
+// A bit per byte of a comparison, the first byte in the lowest bit.
+unsigned bitsOf(BlockMask mask) {
+#if defined(__SSE2__)
+    using Bytes = char __attribute__((vector_size(16)));
+    return static_cast<unsigned>(__builtin_ia32_pmovmskb128(reinterpret_cast<Bytes>(mask)));
+#else
+    unsigned bits = 0;
+    for (int i = 0; i < 16; ++i)
+        bits |= (mask[i] != 0 ? 1u : 0u) << i;
+    return bits;
+#endif
 }
 
 // The first control byte that changes the state from `at` on, or `end`,
-// sixteen bytes at a time.
+// sixteen bytes at a time: one predictable test per block of text, and
+// between the control sequences of a full-screen update, where the text is
+// a character or two, one test in all.
 const unsigned char* skipText(const unsigned char* at, const unsigned char* end) {
     static_assert((kShiftIn & 0xfe) == kShiftOut && (kSubstitute & 0xfd) == kCancel);
-    while (end - at >= 16) {
-        Block block;
-        std::memcpy(&block, at, sizeof block);
-        // Text, the common case, is settled by the first test alone.
-        if (anyByteSet(block < 0x20) &&
-            anyByteSet(((block & 0xfe) == kShiftOut) | ((block & 0xfd) == kCancel) |
-                       (block == kEscape)))
-            break;
-        at += 16;
+    for (; end - at >= 16; at += 16) {
+        Block block = loadBlock(at);
+        unsigned stops = bitsOf(((block & 0xfe) == kShiftOut) | ((block & 0xfd) == kCancel) |
+                                (block == kEscape));
+        if (stops != 0)
+            return at + __builtin_ctz(stops);
     }
     while (at < end && !changesState(*at))
+        ++at;
+    return at;
+}
+
+// The final bytes of the control sequences that can change the state:
+// modes (h, l), rendition (m), the scroll region (r) and soft reset (p).
+bool mayChangeState(unsigned char final) {
+    return final == 'h' || final == 'l' || final == 'm' || final == 'r' || final == 'p';
+}
+
+// The byte that ends the parameter and intermediate bytes (0x20-0x3f) of a
+// control sequence whose parameters start at `at`, or `end` when it is not
+// in view.
+const unsigned char* sequenceFinal(const unsigned char* at, const unsigned char* end) {
+    if (end - at >= 16) {
+        Block block = loadBlock(at);
+        unsigned others = bitsOf((block & 0xe0) != 0x20);
+        if (others != 0)
+            return at + __builtin_ctz(others);
+        at += 16;
+    }
+    while (at < end && (*at & 0xe0) == 0x20)
         ++at;
     return at;
 }
@@ -120,14 +154,17 @@ void TerminalState::feed(std::string_view bytes) {
     auto* end = at + bytes.size();
     while (at < end) {
         if (parse_ == Parse::Ground) {
-            // Printable text is the bulk of any output: skip it in one run
-            // and settle the UTF-8 state once at its end.
+            // Printable text is the bulk of any output: skip it in one run.
+            // A control byte ends any UTF-8 character, so the UTF-8 state
+            // needs settling only where the bytes end.
             const unsigned char* run = at;
             at = skipText(at, end);
-            if (at != run)
-                utf8Pending_ = utf8PendingAfter(run, at, utf8Pending_);
-            if (at < end)
-                control(*at++);
+            if (at == end) {
+                if (at != run)
+                    utf8Pending_ = utf8PendingAfter(run, at, utf8Pending_);
+                break;
+            }
+            at = *at == kEscape ? controlSequence(at, end) : (control(*at), at + 1);
             continue;
         }
         if (parse_ == Parse::Csi && intermediate_ == 0) {
@@ -144,6 +181,25 @@ void TerminalState::feed(std::string_view bytes) {
         else
             csi(byte);
     }
+}
+
+const unsigned char* TerminalState::controlSequence(const unsigned char* at,
+                                                    const unsigned char* end) {
+    control(kEscape);
+    if (end - at < 3 || at[1] != '[')
+        return at + 1;
+    // A control sequence in view whole is taken in one scan; only the few
+    // final bytes that can change the state need its parameters.
+    const unsigned char* final = sequenceFinal(at + 2, end);
+    if (final == end || *final < 0x40 || *final > 0x7e)
+        return at + 1;
+    parse_ = Parse::Ground;
+    if (!mayChangeState(*final))
+        return final + 1;
+    startSequence(Parse::Csi);
+    for (const unsigned char* byte = readParameters(at + 2, final); byte <= final; ++byte)
+        csi(*byte);
+    return final + 1;
 }
 
 std::size_t TerminalState::feedToBoundary(std::string_view bytes) {

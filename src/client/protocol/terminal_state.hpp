@@ -85,6 +85,9 @@ class TerminalState {
     static constexpr std::size_t kMaxParams = 32;
 
     void control(unsigned char byte);
+    // Takes the escape sequence at `at` (an ESC): whole when it is a control
+    // sequence in view, else only the ESC. Returns where to go on.
+    const unsigned char* controlSequence(const unsigned char* at, const unsigned char* end);
     void escape(unsigned char byte);
     void csi(unsigned char byte);
     // Takes the digits and semicolons of a control sequence's parameters;
