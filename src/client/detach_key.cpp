@@ -1,7 +1,6 @@
 // Parsing of the detach key's caret notation and the per-read decision.
 #include "client/detach_key.hpp"
 
-#include "cli/log.hpp"
 #include "platform/env.hpp"
 
 namespace tovel {
@@ -28,16 +27,13 @@ std::optional<char> parseCaretKey(std::string_view text) {
     return static_cast<char>(c ^ kCaretBit);
 }
 
-std::optional<DetachKey> DetachKey::fromEnvironment() {
+std::expected<DetachKey, std::string> DetachKey::fromEnvironment() {
     auto value = sys::getEnv(kDetachKeyVariable);
     if (!value || value->empty())
         return DetachKey(std::nullopt);
     auto byte = parseCaretKey(*value);
-    if (!byte) {
-        printStderr("tovel-ptyd: ", kDetachKeyVariable, "=", *value,
-                    " is not a control key in caret notation (for example ^\\ or ^])\n");
-        return std::nullopt;
-    }
+    if (!byte)
+        return std::unexpected(std::string(*value));
     return DetachKey(byte);
 }
 

@@ -3,7 +3,9 @@
 // ends the attach as if the keyboard input had closed.
 #pragma once
 
+#include <expected>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace tovel {
@@ -16,9 +18,8 @@ constexpr std::string_view kDetachKeyVariable = "TOVEL_PTYD_DETACH_KEY";
 class DetachKey {
   public:
     // Reads the variable: unset or empty means no key, so every byte is
-    // forwarded. An invalid value prints a line naming the variable on
-    // standard error and gives nullopt; the command then exits with status 2.
-    [[nodiscard]] static std::optional<DetachKey> fromEnvironment();
+    // forwarded. An invalid value is given back as the error.
+    [[nodiscard]] static std::expected<DetachKey, std::string> fromEnvironment();
 
     // Whether one read from the keyboard is the key pressed on its own. The
     // same byte inside a longer read (a paste, a burst of typing) is data

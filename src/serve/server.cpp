@@ -75,26 +75,23 @@ void acceptPending(int listener, serve::ServeSettings& settings,
     }
 }
 
-Result<UniqueFd> listenOnLoopback(std::uint16_t port, std::uint16_t& boundPort) {
+std::expected<UniqueFd, serve::ServeEnd> listenOnLoopback(std::uint16_t port,
+                                                          std::uint16_t& boundPort) {
+    using serve::StartStep;
+    auto failed = [](StartStep step, Error error) {
+        return std::unexpected(serve::ServeEnd{step, error});
+    };
     auto socket = sys::tcpSocket();
-    if (!socket) {
-        printStderr("serve: socket failed: ", socket.error(), "\n");
-        return fail(socket.error());
-    }
+    if (!socket)
+        return failed(StartStep::Socket, socket.error());
     (void)sys::setReuseAddress(socket->get());
-    if (auto bound = sys::bindLoopback(socket->get(), port); !bound) {
-        printStderr("serve: bind failed: ", bound.error(), "\n");
-        return fail(bound.error());
-    }
+    if (auto bound = sys::bindLoopback(socket->get(), port); !bound)
+        return failed(StartStep::Bind, bound.error());
     auto actual = sys::boundPort(socket->get());
-    if (!actual) {
-        printStderr("serve: getsockname failed\n");
-        return fail(actual.error());
-    }
-    if (auto listening = sys::listen(socket->get(), kListenBacklog); !listening) {
-        printStderr("serve: listen failed: ", listening.error(), "\n");
-        return fail(listening.error());
-    }
+    if (!actual)
+        return failed(StartStep::BoundPort, actual.error());
+    if (auto listening = sys::listen(socket->get(), kListenBacklog); !listening)
+        return failed(StartStep::Listen, listening.error());
     // A connection that is reset between poll and accept must not leave the
     // loop blocked in accept past its idle deadline, and a burst of accepts
     // ends when nothing is pending.
@@ -125,27 +122,20 @@ Result<serve::ServeEnd> serve::runServer(const serve::ServeRequest& options) {
     TRY(sys::setSignalIgnored(SIGPIPE));
 
     auto real = sys::realpath(options.root);
-    if (!real) {
-        printStderr("serve: cannot open directory ", options.root, ": ", real.error(), "\n");
-        return ServeEnd::StartFailed;
-    }
+    if (!real)
+        return ServeEnd{StartStep::OpenRoot, real.error()};
     settings.rootRealPath = *real;
     auto status = sys::stat(*real);
-    if (!status) {
-        printStderr("serve: cannot stat ", options.root, ": ", status.error(), "\n");
-        return ServeEnd::StartFailed;
-    }
-    if (!S_ISDIR(status->st_mode)) {
-        printStderr("serve: not a directory: ", options.root, "\n");
-        return ServeEnd::StartFailed;
-    }
+    if (!status)
+        return ServeEnd{StartStep::StatRoot, status.error()};
+    if (!S_ISDIR(status->st_mode))
+        return ServeEnd{StartStep::RootNotDirectory, Error::NotDir};
 
     sys::DetachedThreadStarter& threads = connectionThreads();
-    // Start-up failures have printed their own line.
     std::uint16_t port = 0;
     auto listening = listenOnLoopback(options.port, port);
     if (!listening)
-        return ServeEnd::StartFailed;
+        return listening.error();
     UniqueFd listener = std::move(*listening);
     char line[48] = "TOVEL_PTYD_SERVE_PORT ";
     std::size_t prefix = std::char_traits<char>::length(line);
@@ -173,7 +163,7 @@ Result<serve::ServeEnd> serve::runServer(const serve::ServeRequest& options) {
             continue;
         acceptPending(listener.get(), settings, threads);
     }
-    return ServeEnd::IdleTimeout;
+    return ServeEnd{};
 }
 
 } // namespace tovel

@@ -17,9 +17,22 @@ struct ServeRequest {
     std::uint32_t idleTimeoutSeconds = 0; // 0: none
 };
 
-enum class ServeEnd {
-    StartFailed, // the reason is printed on standard error
-    IdleTimeout,
+// The step of starting that failed; None when the server started and ran
+// until its idle timeout.
+enum class StartStep : std::uint8_t {
+    None,
+    OpenRoot,
+    StatRoot,
+    RootNotDirectory,
+    Socket,
+    Bind,
+    BoundPort,
+    Listen,
+};
+
+struct ServeEnd {
+    StartStep failedStep = StartStep::None;
+    Error error = Error::Unexpected;
 };
 
 // Prints "TOVEL_PTYD_SERVE_PORT <n>" once listening and serves until the

@@ -25,7 +25,7 @@ CommandResult runAttach(Args args) {
     }
     auto detachKey = DetachKey::fromEnvironment();
     if (!detachKey)
-        return kExitUsage;
+        return reportInvalidDetachKey(detachKey.error());
     PortableMetadata noOwnerCheck;
     AttachEnd end = TRY(attachSession(AttachRequest{args[0], noOwnerCheck, *detachKey}));
     return attachExitStatus(end);

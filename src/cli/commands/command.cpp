@@ -2,6 +2,7 @@
 #include "cli/commands/command.hpp"
 
 #include "cli/log.hpp"
+#include "client/detach_key.hpp"
 #include "platform/system.hpp"
 
 namespace tovel {
@@ -24,6 +25,12 @@ Result<> takeDirOption(Args args, std::size_t& i, bool& seen) {
 
 int reportInvalidArguments(std::string_view command, Error error) {
     printStderr(command, ": invalid arguments (", error, ")\n");
+    return kExitUsage;
+}
+
+int reportInvalidDetachKey(std::string_view value) {
+    printStderr("tovel-ptyd: ", kDetachKeyVariable, "=", value,
+                " is not a control key in caret notation (for example ^\\ or ^])\n");
     return kExitUsage;
 }
 

@@ -35,4 +35,8 @@ void printStdout(std::string_view text);
 // "<command>: invalid arguments (<ErrorName>)\n" on standard error; status 2.
 int reportInvalidArguments(std::string_view command, Error error);
 
+// The line naming an unusable TOVEL_PTYD_DETACH_KEY value on standard
+// error; status 2.
+int reportInvalidDetachKey(std::string_view value);
+
 } // namespace tovel

@@ -99,7 +99,7 @@ CommandResult runConnect(Args args) {
     // An unusable detach key is refused before a keeper is started for nothing.
     auto detachKey = DetachKey::fromEnvironment();
     if (!detachKey)
-        return kExitUsage;
+        return reportInvalidDetachKey(detachKey.error());
     sys::WindowSize size{options->cols, options->rows};
     if (sys::isatty(0)) {
         auto terminal = sys::windowSize(0);

@@ -95,7 +95,7 @@ CommandResult runEnsure(Args args) {
     // An unusable detach key is refused before a keeper is started for nothing.
     auto detachKey = DetachKey::fromEnvironment();
     if (!detachKey)
-        return kExitUsage;
+        return reportInvalidDetachKey(detachKey.error());
     // A missing directory is no error here: its keepers still answer on
     // their abstract names.
     TRY(existingRuntimeDir());

@@ -65,13 +65,44 @@ Result<serve::ServeRequest> parseServeOptions(Args args) {
     return options;
 }
 
+void reportStartFailure(const serve::ServeEnd& end, std::string_view root) {
+    using serve::StartStep;
+    switch (end.failedStep) {
+    case StartStep::None:
+        return;
+    case StartStep::OpenRoot:
+        printStderr("serve: cannot open directory ", root, ": ", end.error, "\n");
+        return;
+    case StartStep::StatRoot:
+        printStderr("serve: cannot stat ", root, ": ", end.error, "\n");
+        return;
+    case StartStep::RootNotDirectory:
+        printStderr("serve: not a directory: ", root, "\n");
+        return;
+    case StartStep::Socket:
+        printStderr("serve: socket failed: ", end.error, "\n");
+        return;
+    case StartStep::Bind:
+        printStderr("serve: bind failed: ", end.error, "\n");
+        return;
+    case StartStep::BoundPort:
+        printStderr("serve: getsockname failed\n");
+        return;
+    case StartStep::Listen:
+        printStderr("serve: listen failed: ", end.error, "\n");
+        return;
+    }
+}
+
 } // namespace
 
 CommandResult runServe(Args args) {
     serve::ServeRequest request = TRY(parseServeOptions(args));
     serve::ServeEnd end = TRY(serve::runServer(request));
-    if (end == serve::ServeEnd::StartFailed)
+    if (end.failedStep != serve::StartStep::None) {
+        reportStartFailure(end, request.root);
         return kExitFailure;
+    }
     printStderr("serve: idle timeout after ", request.idleTimeoutSeconds, "s\n");
     return kExitSuccess;
 }
