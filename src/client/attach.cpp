@@ -3,7 +3,6 @@
 // reconnecting with back-off, and the shell's exit status at the end.
 #include "client/attach.hpp"
 
-#include "cli/log.hpp"
 #include "cli/session_id.hpp"
 #include "client/detach_key.hpp"
 #include "client/greeting.hpp"
@@ -50,22 +49,21 @@ Error pollError(Error error) {
 enum class Flow { Continue, Reconnect };
 
 // How a reconnect turned out: back on a new connection, so the attach goes
-// on, or the attach ends with an exit status or an error.
+// on, or the attach ends.
 class Ending {
   public:
     static Ending none() { return Ending(false, AttachEnd{}); }
     static Ending with(AttachEnd end) { return Ending(true, end); }
-    static Ending withError(Error error) { return Ending(true, fail(error)); }
 
     // Whether the attach ends here.
     explicit operator bool() const { return ends_; }
-    [[nodiscard]] Result<AttachEnd> result() const { return result_; }
+    [[nodiscard]] AttachEnd result() const { return end_; }
 
   private:
-    Ending(bool ends, Result<AttachEnd> result) : ends_(ends), result_(result) {}
+    Ending(bool ends, AttachEnd end) : ends_(ends), end_(end) {}
 
     bool ends_;
-    Result<AttachEnd> result_;
+    AttachEnd end_;
 };
 
 class AttachLoop {
@@ -213,11 +211,7 @@ class AttachLoop {
         }
         case FrameType::VersionMismatch: {
             unsigned keeperVersion = payload.empty() ? 0 : static_cast<std::uint8_t>(payload[0]);
-            printStderr("tovel-ptyd: protocol mismatch (keeper v", keeperVersion, ", client v",
-                        static_cast<unsigned>(kProtocolVersion),
-                        "); the daemon is a different build. Restart it (kill the session) to "
-                        "pick up the new binary.\n");
-            ending_ = AttachEnd{AttachEnd::How::VersionMismatch};
+            ending_ = AttachEnd{AttachEnd::How::VersionMismatch, 0, keeperVersion};
             return {};
         }
         default:
@@ -235,7 +229,7 @@ class AttachLoop {
         if (connected)
             return Ending::none();
         if (isTakeoverRefusal(connected.error()))
-            return Ending::withError(connected.error());
+            return Ending::with(AttachEnd{AttachEnd::How::Refused, 0, 0, refusal_});
         return Ending::with(AttachEnd{AttachEnd::How::Interrupted});
     }
 
@@ -253,7 +247,7 @@ class AttachLoop {
                                  kReconnectMaxDelayMs);
             ++attempts_;
             TRY(waitBeforeRetry(delay));
-            auto connected = connectAndGreet(id_, portable_);
+            auto connected = connectAndGreet(id_, portable_, refusal_);
             if (connected) {
                 socket_ = std::move(*connected);
                 lastConnectMs_ = sys::monotonicMs();
@@ -298,6 +292,7 @@ class AttachLoop {
     int attempts_ = 0;
     bool resizePending_ = false;
     std::optional<AttachEnd> ending_;
+    TakeoverRefusal refusal_;
 };
 
 } // namespace
@@ -306,7 +301,11 @@ Result<AttachEnd> attachSession(const AttachRequest& request) {
     // A keeper that vanishes mid-write must end in a reconnect or a named
     // error, never kill the client: writes then fail with BrokenPipe.
     TRY(sys::setSignalIgnored(SIGPIPE));
-    UniqueFd socket = TRY(connectAndGreet(request.id, request.portable));
+    TakeoverRefusal refusal;
+    auto connected = connectAndGreet(request.id, request.portable, refusal);
+    if (!connected && isTakeoverRefusal(connected.error()))
+        return AttachEnd{AttachEnd::How::Refused, 0, 0, refusal};
+    UniqueFd socket = TRY(std::move(connected));
     RawTerminal terminal = TRY(RawTerminal::enter());
     auto signals = sys::SignalPipe::create();
     if (!signals)

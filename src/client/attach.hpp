@@ -3,6 +3,7 @@
 
 #include "cli/spawn_options.hpp"
 #include "client/detach_key.hpp"
+#include "client/greeting.hpp"
 #include "platform/result.hpp"
 
 #include <string_view>
@@ -21,13 +22,16 @@ struct AttachEnd {
         ShellExited,     // the session is over; shellStatus holds the shell's status
         InputClosed,     // the keyboard closed or the detach key was pressed
         Interrupted,     // a signal, or the keeper could not be reached again
-        VersionMismatch, // the keeper is another build; the line is printed
+        VersionMismatch, // the keeper is another build: keeperVersion
+        Refused,         // a newer owner holds the session, or the keeper
+                         // cannot judge the takeover: refusal
     };
     How how;
-    int shellStatus = 0; // 0..255
+    int shellStatus = 0;        // 0..255
+    unsigned keeperVersion = 0; // the protocol version the keeper speaks
+    TakeoverRefusal refusal{};
 };
 
-// Fails with a takeover refusal when a newer owner holds the session.
 [[nodiscard]] Result<AttachEnd> attachSession(const AttachRequest& request);
 
 } // namespace tovel

@@ -1,7 +1,6 @@
 // Connect and greet, and the client side of the portable takeover exchange.
 #include "client/greeting.hpp"
 
-#include "cli/log.hpp"
 #include "client/protocol/frame.hpp"
 #include "client/protocol/portable_takeover.hpp"
 #include "client/protocol/session_address.hpp"
@@ -12,33 +11,41 @@ namespace tovel {
 
 namespace {
 
-void printRejection(const TakeoverRejection& rejection) {
-    switch (rejection.reason) {
-    case RejectionReason::Missing:
-        printStderr("tovel-ptyd: portable_metadata_missing\n");
-        break;
-    case RejectionReason::Mismatch:
-        printStderr("tovel-ptyd: portable_metadata_mismatch\n");
-        break;
-    case RejectionReason::KeeperStale:
-        printStderr("tovel-ptyd: portable_metadata_stale expected_generation=", rejection.expected,
-                    " observed_generation=", rejection.other, "\n");
-        break;
-    case RejectionReason::RequestStale:
-        printStderr("tovel-ptyd: portable_request_stale expected_generation=", rejection.expected,
-                    " received_generation=", rejection.other, "\n");
-        break;
-    case RejectionReason::Malformed:
-        printStderr("tovel-ptyd: portable_metadata_malformed\n");
-        break;
+// The keeper's answer to a PortableTakeover request; a refusal's
+// generations go to `refusal`.
+Result<> exchangePortableTakeover(int fd, const PortableMetadata& portable,
+                                  TakeoverRefusal& refusal) {
+    TRY(validatePortableMetadata(portable));
+    std::string payload = TRY(encodePortableTakeover(portable));
+    TRY(write_frame(fd, FrameType::PortableTakeover, payload));
+
+    pollfd entry{fd, POLLIN, 0};
+    int ready = TRY(sys::poll(std::span(&entry, 1), kTakeoverAnswerTimeoutMs));
+    if (ready == 0)
+        return fail(Error::PortableMetadataUnsupported);
+    auto frame = TRY(read_frame(fd));
+    if (!frame)
+        return fail(Error::PortableTakeoverClosed);
+    switch (static_cast<FrameType>(frame->type)) {
+    case FrameType::PortableTakeoverAccepted:
+        return {};
+    case FrameType::VersionMismatch:
+        return fail(Error::IncompatibleVersion);
+    case FrameType::PortableTakeoverRejected: {
+        TakeoverRejection rejection = TRY(decodeTakeoverRejection(frame->payload));
+        refusal = {rejectionError(rejection.reason), rejection.expected, rejection.other};
+        return fail(refusal.error);
+    }
+    default:
+        return fail(Error::UnexpectedPortableTakeoverResponse);
     }
 }
 
-Result<> greet(int fd, const PortableMetadata& portable) {
+Result<> greet(int fd, const PortableMetadata& portable, TakeoverRefusal& refusal) {
     char version = static_cast<char>(kProtocolVersion);
     TRY(write_frame(fd, FrameType::Hello, std::string_view(&version, 1)));
     if (!portable.empty())
-        TRY(exchangePortableTakeover(fd, portable));
+        TRY(exchangePortableTakeover(fd, portable, refusal));
     sys::WindowSize size = localWindowSize();
     TRY(write_frame(fd, FrameType::Attach, encodeWinsize(size.cols, size.rows)));
     return {};
@@ -62,42 +69,15 @@ bool isTakeoverRefusal(Error error) {
     }
 }
 
-Result<> exchangePortableTakeover(int fd, const PortableMetadata& portable) {
-    TRY(validatePortableMetadata(portable));
-    std::string payload = TRY(encodePortableTakeover(portable));
-    TRY(write_frame(fd, FrameType::PortableTakeover, payload));
-
-    pollfd entry{fd, POLLIN, 0};
-    int ready = TRY(sys::poll(std::span(&entry, 1), kTakeoverAnswerTimeoutMs));
-    if (ready == 0) {
-        printStderr("tovel-ptyd: portable takeover metadata is unsupported by the live keeper\n");
-        return fail(Error::PortableMetadataUnsupported);
-    }
-    auto frame = TRY(read_frame(fd));
-    if (!frame)
-        return fail(Error::PortableTakeoverClosed);
-    switch (static_cast<FrameType>(frame->type)) {
-    case FrameType::PortableTakeoverAccepted:
-        return {};
-    case FrameType::VersionMismatch:
-        return fail(Error::IncompatibleVersion);
-    case FrameType::PortableTakeoverRejected: {
-        auto rejection = decodeTakeoverRejection(frame->payload);
-        if (!rejection) {
-            printStderr("tovel-ptyd: live keeper returned malformed portable takeover rejection\n");
-            return fail(Error::InvalidPortableTakeoverRejection);
-        }
-        printRejection(*rejection);
-        return fail(rejectionError(rejection->reason));
-    }
-    default:
-        return fail(Error::UnexpectedPortableTakeoverResponse);
-    }
-}
-
-Result<UniqueFd> connectAndGreet(std::string_view id, const PortableMetadata& portable) {
+Result<UniqueFd> connectAndGreet(std::string_view id, const PortableMetadata& portable,
+                                 TakeoverRefusal& refusal) {
+    refusal = {};
     UniqueFd fd = TRY(connect_session(id));
-    TRY(greet(fd.get(), portable));
+    auto greeted = greet(fd.get(), portable, refusal);
+    if (!greeted) {
+        refusal.error = greeted.error();
+        return fail(greeted.error());
+    }
     return fd;
 }
 

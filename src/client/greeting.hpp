@@ -7,18 +7,25 @@
 #include "platform/result.hpp"
 #include "platform/unique_fd.hpp"
 
+#include <cstdint>
 #include <string_view>
 
 namespace tovel {
 
 constexpr int kTakeoverAnswerTimeoutMs = 2000;
 
-// The keeper's answer to a PortableTakeover request; prints the refusal's
-// line and returns its error name.
-[[nodiscard]] Result<> exchangePortableTakeover(int fd, const PortableMetadata& portable);
+// Why a keeper would not let this client take the session over: the error,
+// and for the stale refusals the generation the keeper expected and the one
+// it observed (its own) or received (the request's).
+struct TakeoverRefusal {
+    Error error = Error::Unexpected;
+    std::uint64_t expected = 0;
+    std::uint64_t other = 0;
+};
 
-[[nodiscard]] Result<UniqueFd> connectAndGreet(std::string_view id,
-                                               const PortableMetadata& portable);
+// Fills `refusal` whenever it fails (its error is the failure's).
+[[nodiscard]] Result<UniqueFd>
+connectAndGreet(std::string_view id, const PortableMetadata& portable, TakeoverRefusal& refusal);
 
 // The errors of a takeover refusal: retrying cannot help, because a newer
 // owner holds the session or the keeper cannot judge the request.

@@ -145,7 +145,7 @@ INSTANTIATE_TEST_SUITE_P(
         EndingCase{"EnormousLength", std::string("\x7f\0\0\0\4", 5), 1, "error: InvalidFrame"},
         EndingCase{"VersionMismatch", frameBytes(frame::VersionMismatch, "\2"), 3,
                    "tovel-ptyd: protocol mismatch (keeper v2, client v1); the daemon is a "
-                   "different build. Restart it (kill the session) to pick up the new binary.\n"}),
+                   "different build. Restart it (kill the session) to pick up the new binary."}),
     [](const auto& info) { return info.param.name; });
 
 TEST_F(AttachClient, WindowChangesReachTheKeeperAsResize) {

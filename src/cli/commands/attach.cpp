@@ -3,6 +3,7 @@
 
 #include "cli/log.hpp"
 #include "cli/session_id.hpp"
+#include "client/protocol/frame.hpp"
 
 namespace tovel {
 
@@ -28,10 +29,44 @@ CommandResult runAttach(Args args) {
         return reportInvalidDetachKey(detachKey.error());
     PortableMetadata noOwnerCheck;
     AttachEnd end = TRY(attachSession(AttachRequest{args[0], noOwnerCheck, *detachKey}));
-    return attachExitStatus(end);
+    return finishAttach(end);
 }
 
-int attachExitStatus(const AttachEnd& end) {
+namespace {
+
+void reportRefusal(const TakeoverRefusal& refusal) {
+    switch (refusal.error) {
+    case Error::PortableMetadataUnsupported:
+        printStderr("tovel-ptyd: portable takeover metadata is unsupported by the live keeper\n");
+        return;
+    case Error::InvalidPortableTakeoverRejection:
+        printStderr("tovel-ptyd: live keeper returned malformed portable takeover rejection\n");
+        return;
+    case Error::PortableMetadataMissing:
+        printStderr("tovel-ptyd: portable_metadata_missing\n");
+        return;
+    case Error::PortableMetadataMismatch:
+        printStderr("tovel-ptyd: portable_metadata_mismatch\n");
+        return;
+    case Error::StalePortableKeeper:
+        printStderr("tovel-ptyd: portable_metadata_stale expected_generation=", refusal.expected,
+                    " observed_generation=", refusal.other, "\n");
+        return;
+    case Error::StalePortableRequest:
+        printStderr("tovel-ptyd: portable_request_stale expected_generation=", refusal.expected,
+                    " received_generation=", refusal.other, "\n");
+        return;
+    case Error::PortableMetadataMalformed:
+        printStderr("tovel-ptyd: portable_metadata_malformed\n");
+        return;
+    default:
+        return;
+    }
+}
+
+} // namespace
+
+int finishAttach(const AttachEnd& end) {
     switch (end.how) {
     case AttachEnd::How::ShellExited:
         return end.shellStatus;
@@ -40,6 +75,13 @@ int attachExitStatus(const AttachEnd& end) {
     case AttachEnd::How::Interrupted:
         return kExitInterrupted;
     case AttachEnd::How::VersionMismatch:
+        printStderr("tovel-ptyd: protocol mismatch (keeper v", end.keeperVersion, ", client v",
+                    static_cast<unsigned>(kProtocolVersion),
+                    "); the daemon is a different build. Restart it (kill the session) to "
+                    "pick up the new binary.\n");
+        return kExitRefused;
+    case AttachEnd::How::Refused:
+        reportRefusal(end.refusal);
         return kExitRefused;
     }
     return kExitFailure;

@@ -127,7 +127,7 @@ CommandResult runConnect(Args args) {
     printBanner(id);
     PortableMetadata noOwnerCheck;
     AttachEnd end = TRY(attachSession(AttachRequest{id, noOwnerCheck, *detachKey}));
-    return attachExitStatus(end);
+    return finishAttach(end);
 }
 
 } // namespace tovel

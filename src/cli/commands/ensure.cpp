@@ -9,7 +9,6 @@
 #include "cli/session_id.hpp"
 #include "cli/session_metadata.hpp"
 #include "client/detach_key.hpp"
-#include "client/greeting.hpp"
 #include "client/launcher.hpp"
 #include "client/protocol/frame.hpp"
 #include "client/protocol/portable_takeover.hpp"
@@ -109,12 +108,8 @@ CommandResult runEnsure(Args args) {
             return *refused;
     }
 
-    auto attached = attachSession(AttachRequest{id, portable, *detachKey});
-    // The exchange has already printed why the keeper refused.
-    if (!attached && !portable.empty() && isTakeoverRefusal(attached.error()))
-        return kExitRefused;
-    AttachEnd end = TRY(std::move(attached));
-    return attachExitStatus(end);
+    AttachEnd end = TRY(attachSession(AttachRequest{id, portable, *detachKey}));
+    return finishAttach(end);
 }
 
 } // namespace tovel
