@@ -9,13 +9,23 @@ set(TOVEL_PLAYWRIGHT_CORE ${TOVEL_BROWSER_TOOLS}/node_modules/playwright-core)
 find_program(TOVEL_NODE node)
 find_program(TOVEL_APT_GET apt-get)
 execute_process(COMMAND id -u OUTPUT_VARIABLE TOVEL_UID OUTPUT_STRIP_TRAILING_WHITESPACE)
-if((NOT EXISTS ${TOVEL_CHROMIUM} OR NOT TOVEL_NODE) AND TOVEL_UID STREQUAL "0" AND TOVEL_APT_GET)
-  message(STATUS "Installing chromium and node for the page-layout test")
-  execute_process(COMMAND ${TOVEL_APT_GET} install -y chromium nodejs npm
+# Only what is missing: a node that did not come from apt conflicts with
+# Debian's npm package, which would fail the whole install.
+set(TOVEL_BROWSER_PACKAGES)
+if(NOT EXISTS ${TOVEL_CHROMIUM})
+  list(APPEND TOVEL_BROWSER_PACKAGES chromium)
+endif()
+if(NOT TOVEL_NODE)
+  list(APPEND TOVEL_BROWSER_PACKAGES nodejs npm)
+endif()
+if(TOVEL_BROWSER_PACKAGES AND TOVEL_UID STREQUAL "0" AND TOVEL_APT_GET)
+  message(STATUS "Installing ${TOVEL_BROWSER_PACKAGES} for the page-layout test")
+  execute_process(COMMAND ${TOVEL_APT_GET} install -y ${TOVEL_BROWSER_PACKAGES}
                   RESULT_VARIABLE installed OUTPUT_QUIET ERROR_QUIET)
   if(NOT installed EQUAL 0)
     execute_process(COMMAND ${TOVEL_APT_GET} update OUTPUT_QUIET ERROR_QUIET)
-    execute_process(COMMAND ${TOVEL_APT_GET} install -y chromium nodejs npm OUTPUT_QUIET ERROR_QUIET)
+    execute_process(COMMAND ${TOVEL_APT_GET} install -y ${TOVEL_BROWSER_PACKAGES}
+                    OUTPUT_QUIET ERROR_QUIET)
   endif()
 endif()
 
