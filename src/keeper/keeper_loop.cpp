@@ -287,11 +287,13 @@ void KeeperLoop::readPty() {
     }
     if (filled > 0) {
         std::string_view bytes(readBuffer_.get(), filled);
-        ring_.append(bytes);
+        // Clients first: following the terminal state through the bytes
+        // the ring lets go is then done while they print these.
         for (auto& client : clients_) {
             if (client->attached && !client->dropped)
                 sendOutput(*client, bytes);
         }
+        ring_.append(bytes);
     }
     if (gone) {
         // The terminal is gone: the shell has ended or is about to. Keep

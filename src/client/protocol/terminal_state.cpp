@@ -103,6 +103,32 @@ const unsigned char* skipText(const unsigned char* at, const unsigned char* end)
     return at;
 }
 
+// Where the bytes of interest are in a window of sixty-four, a bit each.
+struct WindowBits {
+    std::uint64_t escapes = 0;
+    std::uint64_t controls = 0;   // every control byte that changes the state
+    std::uint64_t parameters = 0; // 0x20-0x3f: parameter and intermediate bytes
+};
+
+// Text, the most common window, costs one test per sixteen bytes.
+WindowBits classifyWindow(const unsigned char* at) {
+    WindowBits bits;
+    for (unsigned part = 0; part < 4; ++part) {
+        Block block = loadBlock(at + 16 * part);
+        bits.controls |= std::uint64_t{bitsOf(((block & 0xfe) == kShiftOut) |
+                                              ((block & 0xfd) == kCancel) | (block == kEscape))}
+                         << (16 * part);
+    }
+    if (bits.controls == 0)
+        return bits;
+    for (unsigned part = 0; part < 4; ++part) {
+        Block block = loadBlock(at + 16 * part);
+        bits.escapes |= std::uint64_t{bitsOf(block == kEscape)} << (16 * part);
+        bits.parameters |= std::uint64_t{bitsOf((block & 0xe0) == 0x20)} << (16 * part);
+    }
+    return bits;
+}
+
 // The final bytes of the control sequences that can change the state:
 // modes (h, l), rendition (m), the scroll region (r) and soft reset (p).
 bool mayChangeState(unsigned char final) {
@@ -158,7 +184,7 @@ void TerminalState::feed(std::string_view bytes) {
             // A control byte ends any UTF-8 character, so the UTF-8 state
             // needs settling only where the bytes end.
             const unsigned char* run = at;
-            at = skipText(at, end);
+            at = skipText(skipWindows(at, end, run), end);
             if (at == end) {
                 if (at != run)
                     utf8Pending_ = utf8PendingAfter(run, at, utf8Pending_);
@@ -194,12 +220,63 @@ const unsigned char* TerminalState::controlSequence(const unsigned char* at,
     if (final == end || *final < 0x40 || *final > 0x7e)
         return at + 1;
     parse_ = Parse::Ground;
-    if (!mayChangeState(*final))
-        return final + 1;
-    startSequence(Parse::Csi);
-    for (const unsigned char* byte = readParameters(at + 2, final); byte <= final; ++byte)
-        csi(*byte);
+    if (mayChangeState(*final))
+        stateSequence(at + 2, final);
     return final + 1;
+}
+
+void TerminalState::stateSequence(const unsigned char* parameters, const unsigned char* final) {
+    startSequence(Parse::Csi);
+    for (const unsigned char* byte = readParameters(parameters, final); byte <= final; ++byte)
+        csi(*byte);
+}
+
+const unsigned char* TerminalState::skipWindows(const unsigned char* at, const unsigned char* end,
+                                                const unsigned char*& text) {
+    // Full-screen output is mostly short control sequences a few bytes of
+    // text apart. Classifying sixty-four bytes at once finds each
+    // sequence's end with a bit scan instead of a test per byte.
+    for (; end - at >= 64; at += 64) {
+        WindowBits bits = classifyWindow(at);
+        std::uint64_t stops = bits.controls;
+        for (unsigned next = 0; next < 64;) {
+            std::uint64_t ahead = stops >> next << next;
+            if (ahead == 0)
+                break;
+            unsigned index = static_cast<unsigned>(__builtin_ctzll(ahead));
+            if ((bits.escapes >> index & 1) == 0) {
+                control(at[index]);
+                next = index + 1;
+                text = at + next;
+                continue;
+            }
+            // What follows the ESC must be in this window; anything but a
+            // control sequence or a character-set choice goes byte by byte.
+            if (index > 61)
+                return at + index;
+            unsigned char kind = at[index + 1];
+            if (kind == '(' || kind == ')') {
+                unsigned char set = at[index + 2];
+                if (set < 0x30 || set > 0x7e)
+                    return at + index;
+                (kind == '(' ? modes_.g0 : modes_.g1) = static_cast<char>(set);
+                next = index + 3;
+            } else {
+                std::uint64_t others = ~bits.parameters >> (index + 2);
+                if (kind != '[' || others == 0)
+                    return at + index;
+                const unsigned char* final = at + index + 2 + __builtin_ctzll(others);
+                if (*final < 0x40 || *final > 0x7e)
+                    return at + index;
+                if (mayChangeState(*final))
+                    stateSequence(at + index + 2, final);
+                next = static_cast<unsigned>(final + 1 - at);
+            }
+            utf8Pending_ = 0;
+            text = at + next;
+        }
+    }
+    return at;
 }
 
 std::size_t TerminalState::feedToBoundary(std::string_view bytes) {

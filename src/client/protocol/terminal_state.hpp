@@ -88,6 +88,14 @@ class TerminalState {
     // Takes the escape sequence at `at` (an ESC): whole when it is a control
     // sequence in view, else only the ESC. Returns where to go on.
     const unsigned char* controlSequence(const unsigned char* at, const unsigned char* end);
+    // Takes a control sequence that can change the state, whole in view.
+    void stateSequence(const unsigned char* parameters, const unsigned char* final);
+    // Takes text and control sequences sixty-four bytes at a time, from the
+    // ground state; returns where the bytes need the byte-by-byte path, or
+    // where fewer than sixty-four remain. `text` follows the start of the
+    // current run of text.
+    const unsigned char* skipWindows(const unsigned char* at, const unsigned char* end,
+                                     const unsigned char*& text);
     void escape(unsigned char byte);
     void csi(unsigned char byte);
     // Takes the digits and semicolons of a control sequence's parameters;
