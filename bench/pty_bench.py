@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """Persistent-shell benchmarks, side by side in one run: a raw PTY (the
-physical limit), tovel-ptyd, dtach and tmux. Prints a markdown report.
+physical limit), a bare relay through a second terminal (the limit for any
+tool that gives a session its own terminal), tovel-ptyd, dtach and tmux.
+Prints a markdown report.
 
 Usage: bench/pty_bench.py [path/to/tovel-ptyd] [--rounds N] [--throughput]
 --throughput runs only the throughput sections. Peers that are not
@@ -92,6 +94,16 @@ def cpu_ns(pid):
         return 0
 
 
+def relay_binary():
+    """bench/pty_relay.cpp: a terminal per session and nothing else, the
+    bound for any tool that keeps one."""
+    exe = os.path.join(WORK, 'pty_relay')
+    if not os.path.exists(exe):
+        root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+        subprocess.run(['c++', '-O2', '-o', exe, os.path.join(root, 'bench/pty_relay.cpp'), '-lutil'], check=True)
+    return exe
+
+
 def tovel_session(cmd):
     out = subprocess.run([BIN, 'new', '--cmd', cmd], env=ENV, capture_output=True, text=True, check=True).stdout
     sid = out.strip()
@@ -104,6 +116,8 @@ def client_for(kind, cmd):
     """Starts a session running cmd and returns the argv that attaches to it."""
     if kind == 'raw':
         return ['sh', '-c', cmd]
+    if kind == 'relay':
+        return [relay_binary(), cmd]
     if kind == 'tovel':
         sid, _ = tovel_session(cmd)
         return [BIN, 'attach', sid]
@@ -300,7 +314,7 @@ def cleanup():
 
 
 def main():
-    kinds = [k for k in ('raw', 'tovel', 'dtach', 'tmux') if k in ('raw', 'tovel') or shutil.which(k)]
+    kinds = [k for k in ('raw', 'relay', 'tovel', 'dtach', 'tmux') if k in ('raw', 'relay', 'tovel') or shutil.which(k)]
     try:
         print('## Persistent shells (%s, %d rounds, interleaved)\n' % (time.strftime('%Y-%m-%d'), ROUNDS))
         for cols, rows in ((80, 24), (200, 60)):
