@@ -4,12 +4,12 @@
 // no parsing. bench/pty_bench.py runs it as the "relay" contender, the bound
 // for every persistent-shell tool that keeps a terminal per session.
 // Usage: pty_relay <command>
-#include <pty.h>
 #include <poll.h>
-#include <termios.h>
-#include <unistd.h>
+#include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <cstdio>
 
