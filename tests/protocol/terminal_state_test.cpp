@@ -34,6 +34,13 @@ const Case kCases[] = {
      "\x1b[0;3;7;53;4:3;95;104;58;2;9;8;7m", "\x1b[0m"},
     {"RenditionReset", "\x1b[1;32m text \x1b[m", "", ""},
     {"RenditionPartlyOff", "\x1b[1;2;3;9m\x1b[22;23m", "\x1b[0;9m", "\x1b[0m"},
+    // More changes than are kept unread, in a stream long enough to be
+    // taken a window at a time.
+    {"ManyRenditionChanges",
+     "\x1b[0;1m\x1b[3m\x1b[38;5;100m\x1b[3m\x1b[38;5;100m\x1b[3m\x1b[38;5;100m\x1b[3m\x1b[38;5;100m"
+     "\x1b[3m\x1b[38;5;100m\x1b[3m\x1b[38;5;100m\x1b[3m\x1b[38;5;100m\x1b[3m\x1b[38;5;100m"
+     "\x1b[3m\x1b[38;5;100m\x1b[22m and some text to read after the last of the changes",
+     "\x1b[0;3;38;5;100m", "\x1b[0m"},
     {"SoftResetKeepsScreenAndMouse", "\x1b[?1049h\x1b[?1000h\x1b[?25l\x1b[1m\x1b(0\x1b[!p",
      "\x1b[?1049h\x1b[?1000h", "\x1b[?1000l\x1b[?1049l"},
     {"FullReset",

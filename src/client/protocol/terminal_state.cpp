@@ -195,7 +195,7 @@ void TerminalState::feed(std::string_view bytes) {
         }
         if (parse_ == Parse::Csi && intermediate_ == 0) {
             // Parameters are most of a control sequence's bytes.
-            at = readParameters(at, end);
+            at = params_.read(at, end);
             if (at == end)
                 break;
         }
@@ -220,14 +220,14 @@ const unsigned char* TerminalState::controlSequence(const unsigned char* at,
     if (final == end || *final < 0x40 || *final > 0x7e)
         return at + 1;
     parse_ = Parse::Ground;
-    if (mayChangeState(*final))
+    if (mayChangeState(*final) && !(*final == 'm' && keepRendition(at + 2, final, end)))
         stateSequence(at + 2, final);
     return final + 1;
 }
 
 void TerminalState::stateSequence(const unsigned char* parameters, const unsigned char* final) {
     startSequence(Parse::Csi);
-    for (const unsigned char* byte = readParameters(parameters, final); byte <= final; ++byte)
+    for (const unsigned char* byte = params_.read(parameters, final); byte <= final; ++byte)
         csi(*byte);
 }
 
@@ -268,8 +268,10 @@ const unsigned char* TerminalState::skipWindows(const unsigned char* at, const u
                 const unsigned char* final = at + index + 2 + __builtin_ctzll(others);
                 if (*final < 0x40 || *final > 0x7e)
                     return at + index;
-                if (mayChangeState(*final))
-                    stateSequence(at + index + 2, final);
+                const unsigned char* parameters = at + index + 2;
+                if (mayChangeState(*final) &&
+                    !(*final == 'm' && keepRendition(parameters, final, end)))
+                    stateSequence(parameters, final);
                 next = static_cast<unsigned>(final + 1 - at);
             }
             utf8Pending_ = 0;
@@ -313,8 +315,7 @@ void TerminalState::startSequence(Parse next) {
     parse_ = next;
     marker_ = 0;
     intermediate_ = 0;
-    paramCount_ = 0;
-    subParams_ = 0;
+    params_ = Parameters{};
 }
 
 void TerminalState::escape(unsigned char byte) {
@@ -363,7 +364,7 @@ void TerminalState::dispatchEscape(unsigned char final) {
     else if (final == '>')
         modes_.keypad = false;
     else if (final == 'c')
-        modes_ = Modes{};
+        resetModes(Modes{});
 }
 
 void TerminalState::csi(unsigned char byte) {
@@ -390,35 +391,39 @@ void TerminalState::csi(unsigned char byte) {
         return;
     }
     if (byte >= 0x3c) {
-        if (paramCount_ != 0 || marker_ != 0)
+        if (params_.count != 0 || marker_ != 0)
             parse_ = Parse::CsiIgnore;
         else
             marker_ = static_cast<char>(byte);
         return;
     }
-    if (paramCount_ == 0)
-        params_[paramCount_++] = 0;
-    if (byte <= '9') {
-        unsigned value = params_[paramCount_ - 1] * 10u + (byte - '0');
-        params_[paramCount_ - 1] =
-            static_cast<std::uint16_t>(std::min<unsigned>(value, kMaxParamValue));
-        return;
-    }
-    if (paramCount_ == kMaxParams)
-        return;
-    if (byte == ':')
-        subParams_ |= 1u << paramCount_;
-    params_[paramCount_++] = 0;
+    params_.take(byte);
 }
 
-const unsigned char* TerminalState::readParameters(const unsigned char* at,
-                                                   const unsigned char* end) {
+void TerminalState::Parameters::take(unsigned char byte) {
+    if (count == 0)
+        values[count++] = 0;
+    if (byte <= '9') {
+        unsigned value = values[count - 1] * 10u + (byte - '0');
+        values[count - 1] = static_cast<std::uint16_t>(std::min<unsigned>(value, kMaxParamValue));
+        return;
+    }
+    // With no room left, later digits go on into the last parameter.
+    if (count == kMaxParams)
+        return;
+    if (byte == ':')
+        subParams |= 1u << count;
+    values[count++] = 0;
+}
+
+const unsigned char* TerminalState::Parameters::read(const unsigned char* at,
+                                                     const unsigned char* end) {
     if (at == end || !((*at >= '0' && *at <= '9') || *at == ';'))
         return at;
-    if (paramCount_ == 0)
-        params_[paramCount_++] = 0;
+    if (count == 0)
+        values[count++] = 0;
     // The parameter being read stays in a register until it ends.
-    unsigned value = params_[paramCount_ - 1];
+    unsigned value = values[count - 1];
     for (; at < end; ++at) {
         unsigned digit = *at - '0';
         if (digit <= 9) {
@@ -427,14 +432,13 @@ const unsigned char* TerminalState::readParameters(const unsigned char* at,
         }
         if (*at != ';')
             break;
-        // With no room left, later digits go on into the last parameter.
-        if (paramCount_ == kMaxParams)
+        if (count == kMaxParams)
             continue;
-        params_[paramCount_ - 1] = static_cast<std::uint16_t>(value);
-        params_[paramCount_++] = 0;
+        values[count - 1] = static_cast<std::uint16_t>(value);
+        values[count++] = 0;
         value = 0;
     }
-    params_[paramCount_ - 1] = static_cast<std::uint16_t>(value);
+    values[count - 1] = static_cast<std::uint16_t>(value);
     return at;
 }
 
@@ -457,9 +461,9 @@ void TerminalState::string(unsigned char byte) {
 
 void TerminalState::dispatchCsi(unsigned char final) {
     if (marker_ == '?' && intermediate_ == 0 && (final == 'h' || final == 'l')) {
-        for (std::size_t i = 0; i < paramCount_; ++i) {
-            if (!(subParams_ & (1u << i)))
-                decMode(params_[i], final == 'h');
+        for (std::size_t i = 0; i < params_.count; ++i) {
+            if (!(params_.subParams & (1u << i)))
+                decMode(params_.values[i], final == 'h');
         }
         return;
     }
@@ -472,11 +476,14 @@ void TerminalState::dispatchCsi(unsigned char final) {
     if (intermediate_ != 0)
         return;
     if (final == 'm') {
-        graphicRendition();
+        // The kept changes came first.
+        modes_.rendition = rendition();
+        kept_.size = 0;
+        graphicRendition(params_, modes_.rendition);
     } else if (final == 'r') {
         // Lines count from 1; an empty or zero top means the first line.
-        std::uint16_t top = std::max<std::uint16_t>(paramCount_ > 0 ? params_[0] : 0, 1);
-        std::uint16_t bottom = paramCount_ > 1 ? params_[1] : 0;
+        std::uint16_t top = std::max<std::uint16_t>(params_.count > 0 ? params_.values[0] : 0, 1);
+        std::uint16_t bottom = params_.count > 1 ? params_.values[1] : 0;
         if (bottom != 0 && top >= bottom)
             return;
         modes_.scrollTop = top > 1 ? top : 0;
@@ -529,23 +536,75 @@ void TerminalState::softReset() {
     kept.mouseEncoding = modes_.mouseEncoding;
     kept.focus = modes_.focus;
     kept.paste = modes_.paste;
-    modes_ = kept;
+    resetModes(kept);
 }
 
-std::size_t TerminalState::extendedColor(std::size_t at, Color& color) const {
-    bool colons = at + 1 < paramCount_ && (subParams_ & (1u << (at + 1)));
+void TerminalState::resetModes(const Modes& modes) {
+    modes_ = modes;
+    kept_.size = 0;
+}
+
+bool TerminalState::keepRendition(const unsigned char* parameters, const unsigned char* final,
+                                  const unsigned char* end) {
+    // The parameters are looked at thirty-two bytes at once, so only a
+    // sequence that fits in them, with that many bytes in view, is kept.
+    auto count = static_cast<unsigned>(final - parameters);
+    if (count >= KeptRenditions::kSpan || end - parameters < KeptRenditions::kSpan)
+        return false;
+    Block low = loadBlock(parameters);
+    Block high = loadBlock(parameters + 16);
+    auto both = [](unsigned lowBits, unsigned highBits) { return lowBits | highBits << 16; };
+    std::uint32_t inside = (1u << count) - 1;
+    // A private marker or an intermediate makes it another sequence.
+    if ((both(bitsOf((low < '0') | (low > ';')), bitsOf((high < '0') | (high > ';'))) & inside) !=
+        0)
+        return false;
+    // A first parameter of zeros, or none, resets: nothing before matters.
+    auto firstNonZero = static_cast<unsigned>(
+        __builtin_ctz(both(bitsOf(low != '0'), bitsOf(high != '0')) | 1u << count));
+    if (firstNonZero == count || parameters[firstNonZero] > '9') {
+        modes_.rendition = Rendition{};
+        kept_.size = 0;
+    } else if (kept_.size + count + 1 > KeptRenditions::kCapacity) {
+        modes_.rendition = rendition();
+        kept_.size = 0;
+    }
+    std::memcpy(kept_.bytes.data() + kept_.size, parameters, KeptRenditions::kSpan);
+    kept_.size = static_cast<std::uint8_t>(kept_.size + count + 1);
+    return true;
+}
+
+TerminalState::Rendition TerminalState::rendition() const {
+    Rendition current = modes_.rendition;
+    Parameters parameters;
+    for (std::size_t i = 0; i < kept_.size; ++i) {
+        unsigned char byte = kept_.bytes[i];
+        if (byte != 'm') {
+            parameters.take(byte);
+            continue;
+        }
+        graphicRendition(parameters, current);
+        parameters = Parameters{};
+    }
+    return current;
+}
+
+std::size_t TerminalState::extendedColor(const Parameters& parameters, std::size_t at,
+                                         Color& color) {
+    const auto& [count, subParams, values] = parameters;
+    bool colons = at + 1 < count && (subParams & (1u << (at + 1)));
     std::size_t last = at;
     if (colons) {
-        while (last + 1 < paramCount_ && (subParams_ & (1u << (last + 1))))
+        while (last + 1 < count && (subParams & (1u << (last + 1))))
             ++last;
     } else {
-        last = paramCount_ - 1;
+        last = count - 1;
     }
     if (at + 1 > last)
         return last;
-    std::uint16_t kind = params_[at + 1];
+    std::uint16_t kind = values[at + 1];
     if (kind == 5 && at + 2 <= last) {
-        color = {ColorKind::Palette256, {static_cast<std::uint8_t>(params_[at + 2]), 0, 0}};
+        color = {ColorKind::Palette256, {static_cast<std::uint8_t>(values[at + 2]), 0, 0}};
         return colons ? last : at + 2;
     }
     if (kind != 2)
@@ -555,23 +614,23 @@ std::size_t TerminalState::extendedColor(std::size_t at, Color& color) const {
     if (first + 2 > last)
         return last;
     color = {ColorKind::Rgb,
-             {static_cast<std::uint8_t>(params_[first]),
-              static_cast<std::uint8_t>(params_[first + 1]),
-              static_cast<std::uint8_t>(params_[first + 2])}};
+             {static_cast<std::uint8_t>(values[first]),
+              static_cast<std::uint8_t>(values[first + 1]),
+              static_cast<std::uint8_t>(values[first + 2])}};
     return colons ? last : first + 2;
 }
 
-void TerminalState::graphicRendition() {
-    Rendition& r = modes_.rendition;
-    if (paramCount_ == 0) {
+void TerminalState::graphicRendition(const Parameters& parameters, Rendition& r) {
+    const auto& [count, subParams, values] = parameters;
+    if (count == 0) {
         r = Rendition{};
         return;
     }
-    for (std::size_t i = 0; i < paramCount_; ++i) {
-        if (subParams_ & (1u << i))
+    for (std::size_t i = 0; i < count; ++i) {
+        if (subParams & (1u << i))
             continue;
-        std::uint16_t code = params_[i];
-        bool hasSub = i + 1 < paramCount_ && (subParams_ & (1u << (i + 1)));
+        std::uint16_t code = values[i];
+        bool hasSub = i + 1 < count && (subParams & (1u << (i + 1)));
         switch (code) {
         case 0:
             r = Rendition{};
@@ -587,7 +646,7 @@ void TerminalState::graphicRendition() {
             break;
         case 4:
             r.underline =
-                hasSub ? static_cast<std::uint8_t>(std::min<std::uint16_t>(params_[i + 1], 5)) : 1;
+                hasSub ? static_cast<std::uint8_t>(std::min<std::uint16_t>(values[i + 1], 5)) : 1;
             break;
         case 5:
         case 6:
@@ -627,13 +686,13 @@ void TerminalState::graphicRendition() {
             r.flags &= ~Strike;
             break;
         case 38:
-            i = extendedColor(i, r.foreground);
+            i = extendedColor(parameters, i, r.foreground);
             break;
         case 39:
             r.foreground = Color{};
             break;
         case 48:
-            i = extendedColor(i, r.background);
+            i = extendedColor(parameters, i, r.background);
             break;
         case 49:
             r.background = Color{};
@@ -645,7 +704,7 @@ void TerminalState::graphicRendition() {
             r.flags &= ~Overline;
             break;
         case 58:
-            i = extendedColor(i, r.underlineColor);
+            i = extendedColor(parameters, i, r.underlineColor);
             break;
         case 59:
             r.underlineColor = Color{};
@@ -727,7 +786,7 @@ SequenceText TerminalState::preamble() const {
     }
     if (m.shifted)
         text.append("\x0e");
-    const Rendition& r = m.rendition;
+    Rendition r = rendition();
     if (r == Rendition{})
         return text;
     text.append("\x1b[0");
@@ -753,7 +812,7 @@ SequenceText TerminalState::preamble() const {
 SequenceText TerminalState::undo() const {
     SequenceText text;
     const Modes& m = modes_;
-    if (!(m.rendition == Rendition{}))
+    if (!(rendition() == Rendition{}))
         text.append("\x1b[0m");
     if (m.scrollTop != 0 || m.scrollBottom != 0)
         text.append("\x1b[r");

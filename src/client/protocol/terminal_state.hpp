@@ -79,10 +79,32 @@ class TerminalState {
         bool shifted = false;
         char g0 = 'B';
         char g1 = 'B';
-        Rendition rendition;
-        bool operator==(const Modes&) const = default;
+        Rendition rendition; // as read so far: later changes may be kept unread
     };
     static constexpr std::size_t kMaxParams = 32;
+    // A control sequence's parameters, with a bit per parameter that
+    // followed a colon.
+    struct Parameters {
+        std::uint8_t count = 0;
+        std::uint32_t subParams = 0;
+        std::array<std::uint16_t, kMaxParams> values{};
+        // Takes one digit, semicolon or colon.
+        void take(unsigned char byte);
+        // Takes digits and semicolons; returns where they end.
+        const unsigned char* read(const unsigned char* at, const unsigned char* end);
+    };
+    // Rendition changes are most of the state changes of full-screen
+    // output, and nearly all of them begin with a reset. Their parameters
+    // are kept as written, each ended by its 'm', and read only when the
+    // rendition is asked for or the room runs out.
+    struct KeptRenditions {
+        static constexpr std::size_t kCapacity = 96;
+        // The most bytes a change may have, its 'm' included; each is
+        // copied as this many, so the room runs on by as much.
+        static constexpr std::ptrdiff_t kSpan = 32;
+        std::array<unsigned char, kCapacity + kSpan> bytes;
+        std::uint8_t size = 0;
+    };
 
     void control(unsigned char byte);
     // Takes the escape sequence at `at` (an ESC): whole when it is a control
@@ -98,20 +120,24 @@ class TerminalState {
                                      const unsigned char*& text);
     void escape(unsigned char byte);
     void csi(unsigned char byte);
-    // Takes the digits and semicolons of a control sequence's parameters;
-    // returns where they end.
-    const unsigned char* readParameters(const unsigned char* at, const unsigned char* end);
     void string(unsigned char byte);
     void dispatchEscape(unsigned char final);
     void dispatchCsi(unsigned char final);
     void decMode(std::uint16_t mode, bool on);
-    void graphicRendition();
-    // Reads an extended color starting at params_[at] (the 38/48/58);
+    // Keeps a rendition change with plain parameters, whole in view, for
+    // later; false when it has to be read now.
+    bool keepRendition(const unsigned char* parameters, const unsigned char* final,
+                       const unsigned char* end);
+    // The rendition in force: the last one read with the kept changes on it.
+    [[nodiscard]] Rendition rendition() const;
+    static void graphicRendition(const Parameters& parameters, Rendition& into);
+    // Reads an extended color starting at parameter `at` (the 38/48/58);
     // returns the index of the last parameter it used.
-    std::size_t extendedColor(std::size_t at, Color& color) const;
+    static std::size_t extendedColor(const Parameters& parameters, std::size_t at, Color& color);
     void softReset();
     static void appendColor(SequenceText& text, const Color& color, unsigned base);
     void startSequence(Parse next);
+    void resetModes(const Modes& modes);
 
     Modes modes_;
     Parse parse_ = Parse::Ground;
@@ -120,14 +146,12 @@ class TerminalState {
     // strings end only with ST.
     bool bellEndsString_ = false;
     // The sequence being read: private marker, last intermediate, the
-    // number of intermediates, and parameters with a bit per parameter
-    // that followed a colon.
+    // number of intermediates, and parameters.
     char marker_ = 0;
     char intermediate_ = 0;
     std::uint8_t intermediates_ = 0;
-    std::uint8_t paramCount_ = 0;
-    std::uint32_t subParams_ = 0;
-    std::array<std::uint16_t, kMaxParams> params_{};
+    Parameters params_;
+    KeptRenditions kept_;
 };
 
 } // namespace tovel
