@@ -554,10 +554,10 @@ bool TerminalState::keepRendition(const unsigned char* parameters, const unsigne
     Block low = loadBlock(parameters);
     Block high = loadBlock(parameters + 16);
     auto both = [](unsigned lowBits, unsigned highBits) { return lowBits | highBits << 16; };
-    std::uint32_t inside = (1u << count) - 1;
     // A private marker or an intermediate makes it another sequence.
-    if ((both(bitsOf((low < '0') | (low > ';')), bitsOf((high < '0') | (high > ';'))) & inside) !=
-        0)
+    std::uint32_t others =
+        both(bitsOf((low < '0') | (low > ';')), bitsOf((high < '0') | (high > ';')));
+    if ((others & ((1u << count) - 1)) != 0)
         return false;
     // A first parameter of zeros, or none, resets: nothing before matters.
     auto firstNonZero = static_cast<unsigned>(
