@@ -21,12 +21,7 @@ std::string captureStderr(const test::Env& env, const std::function<void()>& bod
     test::TempDir dir;
     std::string path = dir.path() + "/err";
     if (::fork() == 0) {
-        for (const auto& [name, value] : env) {
-            if (value)
-                ::setenv(name.c_str(), value->c_str(), 1);
-            else
-                ::unsetenv(name.c_str());
-        }
+        test::applyEnv(env);
         ::dup2(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDERR_FILENO);
         body();
         ::_exit(0);

@@ -28,13 +28,6 @@ const std::vector<std::vector<std::string>> kCommands = {
     {"attach", kId},  {"ensure", kId},
     {"connect"},      {"kill", kId}};
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 class RuntimeDirSafety : public ::testing::Test {
   protected:
     void TearDown() override {

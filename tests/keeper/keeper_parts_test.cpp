@@ -1,13 +1,10 @@
 // The keeper's building blocks: the replay ring's wrap-around, the bounded
-// queues, the exit-status encoding and the shell child's plan.
+// queues and the shell child's plan.
 #include "keeper/byte_queue.hpp"
-#include "keeper/keeper_loop.hpp"
 #include "keeper/replay_ring.hpp"
 #include "keeper/shell_plan.hpp"
 
 #include <gtest/gtest.h>
-
-#include <sys/wait.h>
 
 namespace tovel {
 namespace {
@@ -44,13 +41,6 @@ TEST(ByteQueue, RefusesWholeUnitsBeyondItsBound) {
     EXPECT_EQ(queue.front(), "78abcdefgh");
     queue.consume(10);
     EXPECT_TRUE(queue.empty());
-}
-
-TEST(ExitStatus, NormalExitsPassSignalDeathsSetHighBits) {
-    EXPECT_EQ(encodeExitStatus(7 << 8), 7u);
-    EXPECT_EQ(encodeExitStatus(0), 0u);
-    EXPECT_EQ(encodeExitStatus(SIGKILL), 0xFFFFFF89u);
-    EXPECT_EQ(encodeExitStatus(SIGTERM | 0x80), 0xFFFFFF8Fu); // with a core dump
 }
 
 // The login shell's argument zero, or the error that stops the start.

@@ -25,12 +25,7 @@ namespace {
 // with descriptors 0, 1 and 2 only, whatever the test process inherited.
 [[noreturn]] void execBinary(const std::vector<std::string>& args, const Env& env) {
     ::close_range(3, ~0U, 0);
-    for (const auto& [name, value] : env) {
-        if (value)
-            ::setenv(name.c_str(), value->c_str(), 1);
-        else
-            ::unsetenv(name.c_str());
-    }
+    applyEnv(env);
     std::vector<const char*> argv{binaryPath()};
     for (const auto& arg : args)
         argv.push_back(arg.c_str());
@@ -77,6 +72,15 @@ void TempDir::writeFile(const std::string& relative, const std::string& content)
     std::filesystem::path full = std::filesystem::path(path_) / relative;
     std::filesystem::create_directories(full.parent_path());
     std::ofstream(full, std::ios::binary) << content;
+}
+
+void applyEnv(const Env& env) {
+    for (const auto& [name, value] : env) {
+        if (value)
+            ::setenv(name.c_str(), value->c_str(), 1);
+        else
+            ::unsetenv(name.c_str());
+    }
 }
 
 std::string readFile(const std::string& path) {

@@ -33,6 +33,8 @@ class TempDir {
 
 // Environment changes for a child: nullopt unsets.
 using Env = std::map<std::string, std::optional<std::string>>;
+// Applies them to this process (a forked child's).
+void applyEnv(const Env& env);
 
 struct RunResult {
     int status = -1; // exit status, or 128 + signal
