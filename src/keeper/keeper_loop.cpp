@@ -40,6 +40,7 @@ enum PollSlot : std::size_t {
 };
 constexpr std::int64_t kHangupAfterTermMs = 2000;
 constexpr std::int64_t kKillAfterHangupMs = 5000;
+constexpr std::int64_t kStrangerLineIntervalMs = 60000;
 
 struct Winsize {
     std::uint16_t cols;
@@ -53,21 +54,6 @@ Result<Winsize> parseWinsize(std::string_view payload) {
     if (size.cols == 0 || size.rows == 0)
         return fail(Error::InvalidWinsize);
     return size;
-}
-
-// Only the keeper's own user (and root) may use the session: the abstract
-// name has no file permissions to keep anyone else out.
-bool admitPeer(int fd) {
-    auto peer = sys::peerUid(fd);
-    if (!peer) {
-        logWarning(LogScope::Keeper,
-                   "rejecting client; peer credentials unavailable: ", peer.error());
-        return false;
-    }
-    if (*peer == sys::getuid() || *peer == 0)
-        return true;
-    logWarning(LogScope::Keeper, "rejecting client; peer uid=", *peer, " is not the owner");
-    return false;
 }
 
 void requestRepaint(int master) {
@@ -243,6 +229,30 @@ void KeeperLoop::repairSessionFiles(std::int64_t now) {
         return;
     listeners_.path = std::move(*listener);
     rewriteMetadata();
+}
+
+bool KeeperLoop::admitPeer(int fd) {
+    // The abstract name has no file permissions to keep anyone out.
+    auto peer = sys::peerUid(fd);
+    if (!peer) {
+        logWarning(LogScope::Keeper,
+                   "rejecting client; peer credentials unavailable: ", peer.error());
+        return false;
+    }
+    if (*peer == sys::getuid() || *peer == 0)
+        return true;
+    std::int64_t now = sys::monotonicMs();
+    if (strangers_.lastAtMs && now - *strangers_.lastAtMs < kStrangerLineIntervalMs) {
+        ++strangers_.unlogged;
+        return false;
+    }
+    if (strangers_.unlogged == 0)
+        logWarning(LogScope::Keeper, "rejecting client; peer uid=", *peer, " is not the owner");
+    else
+        logWarning(LogScope::Keeper, "rejecting client; peer uid=", *peer, " is not the owner; ",
+                   strangers_.unlogged, " more rejected since the last such line");
+    strangers_ = {now, 0};
+    return false;
 }
 
 void KeeperLoop::acceptClient(int listener) {

@@ -91,6 +91,8 @@ class KeeperLoop {
     [[nodiscard]] Result<> writeClient(KeeperClient& client, std::string_view header = {},
                                        std::string_view payload = {});
     void reportOutputFailure(KeeperClient& client, Error error);
+    // Only the keeper's own user (and root) may use the session.
+    [[nodiscard]] bool admitPeer(int fd);
     void dropClient(KeeperClient& client);
     void removeDroppedClients();
     void finish();
@@ -110,6 +112,12 @@ class KeeperLoop {
     std::optional<ShellSignal> pendingShutdown_;
     std::optional<Escalation> escalation_;
     std::optional<std::uint32_t> exitStatus_;
+    // Another user may connect as often as they like: one line a minute
+    // says so without washing the owner's own lines out of the log.
+    struct StrangerLines {
+        std::optional<std::int64_t> lastAtMs;
+        std::uint64_t unlogged = 0;
+    } strangers_;
 };
 
 } // namespace tovel

@@ -201,17 +201,22 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
     if (child == 0) {
         if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
             ::_exit(3);
-        auto fd = sys::connectAbstract(name);
-        WireConnection stranger(fd ? fd->release() : -1);
-        if (!stranger.connected())
-            ::_exit(0); // refused outright is just as good
-        stranger.sendFrame(8, std::string(1, '\1'));
-        ::_exit(stranger.closedWithin(5s) ? 0 : 1);
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            auto fd = sys::connectAbstract(name);
+            WireConnection stranger(fd ? fd->release() : -1);
+            if (!stranger.connected())
+                continue; // refused outright is just as good
+            stranger.sendFrame(8, std::string(1, '\1'));
+            if (!stranger.closedWithin(5s))
+                ::_exit(1);
+        }
+        ::_exit(0);
     }
     int status = -1;
     ::waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
-    EXPECT_NE(readText(file(id, ".log")).find("peer uid=65534"), std::string::npos);
+    // Said once, however often they try.
+    EXPECT_EQ(count(readText(file(id, ".log")), "peer uid=65534"), 1u);
     EXPECT_EQ(count(runBinary({"list"}, options()).out, id), 1u);
 
     // Nor can another user pose as a keeper by binding a session's name first.
