@@ -55,14 +55,33 @@ Result<ListeningSocket> listenOnSessionSocket(const std::string& path) {
     return ListeningSocket(std::move(fd), path);
 }
 
+// Whether the listener at `name` is another user's.
+bool heldByAnotherUser(const std::string& name) {
+    auto connected = sys::connectAbstract(name);
+    if (!connected)
+        return false;
+    auto peer = sys::peerUid(connected->get());
+    return peer && *peer != sys::getuid();
+}
+
 // The name no file clean-up can remove; holding it makes this keeper the
-// one keeper of the id, whatever happened to the runtime directory.
+// one keeper of the id, whatever happened to the runtime directory. Any
+// local user can bind it first: that must not stop the owner's session,
+// which then has its lock to stay unique and its socket file to be reached
+// by (no listener at all is returned).
 Result<UniqueFd> listenOnAbstractName(std::string_view id) {
     std::string directory = TRY(runtimeDir());
-    auto fd = sys::listenAbstract(abstractSessionName(directory, id), kListenBacklog);
-    if (!fd)
-        return fail(fd.error() == Error::AddressInUse ? Error::SessionAlreadyRunning : fd.error());
-    return std::move(*fd);
+    std::string name = abstractSessionName(directory, id);
+    auto fd = sys::listenAbstract(name, kListenBacklog);
+    if (fd)
+        return std::move(*fd);
+    if (fd.error() != Error::AddressInUse)
+        return fail(fd.error());
+    if (!heldByAnotherUser(name))
+        return fail(Error::SessionAlreadyRunning);
+    logWarning(LogScope::Keeper, "abstract name held by another user; listening at ", id,
+               ".sock only");
+    return UniqueFd{};
 }
 
 Result<std::string> recordedDirectory(std::string_view cwd) {

@@ -238,6 +238,12 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
     EXPECT_EQ(runBinary({"list", "--json"}, options()).out.find(squatted), std::string::npos);
     RunResult killed = runBinary({"kill", squatted}, options());
     EXPECT_EQ(killed.err, "session " + squatted + ": not running\n");
+    // Nor keep the owner from starting that session.
+    ids_.push_back(squatted);
+    EXPECT_TRUE(attachSees({"ensure", squatted, "--cmd", "echo up-$((6*7)); sleep 600"}, options(),
+                           "", "up-42"));
+    EXPECT_NE(readText(file(squatted, ".log")).find("abstract name held by another user"),
+              std::string::npos);
     ::kill(squatter, SIGKILL);
     ::waitpid(squatter, nullptr, 0);
     ::close(ready[0]);
