@@ -9,8 +9,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <sys/wait.h>
 #include <termios.h>
 #include <thread>
@@ -21,13 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string readText(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 // Pids of the keeper processes of `id`, from their command lines.
 std::vector<int> keeperPids(const std::string& id) {
     std::vector<int> pids;
@@ -35,7 +26,7 @@ std::vector<int> keeperPids(const std::string& id) {
         std::string name = entry.path().filename();
         if (name.find_first_not_of("0123456789") != std::string::npos)
             continue;
-        if (readText(entry.path() / "cmdline").find("--keeper-exec" + std::string(1, '\0') + id) !=
+        if (readFile(entry.path() / "cmdline").find("--keeper-exec" + std::string(1, '\0') + id) !=
             std::string::npos)
             pids.push_back(std::stoi(name));
     }
@@ -91,7 +82,7 @@ class DurableSession : public ::testing::Test {
         return xdg_ + "/tovel-ptyd/" + id + suffix;
     }
     std::string shellPidOf(const std::string& id) const {
-        std::string meta = readText(file(id, ".meta"));
+        std::string meta = readFile(file(id, ".meta"));
         auto at = meta.find("shell_pid=");
         return at == std::string::npos ? "" : meta.substr(at + 10, meta.find('\n', at) - at - 10);
     }
@@ -191,7 +182,7 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
     if (::geteuid() != 0)
         GTEST_SKIP() << "needs root to act as another user";
     std::string id = startSession("/bin/sh", {"--cmd", "sleep 600"});
-    std::string table = readText("/proc/net/unix");
+    std::string table = readFile("/proc/net/unix");
     auto end = table.find("/" + id + "\n");
     ASSERT_NE(end, std::string::npos);
     auto at = table.rfind('@', end);
@@ -216,7 +207,7 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
     ::waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
     // Said once, however often they try.
-    EXPECT_EQ(count(readText(file(id, ".log")), "peer uid=65534"), 1u);
+    EXPECT_EQ(count(readFile(file(id, ".log")), "peer uid=65534"), 1u);
     EXPECT_EQ(count(runBinary({"list"}, options()).out, id), 1u);
 
     // Nor can another user pose as a keeper by binding a session's name first.
@@ -242,7 +233,7 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
     ids_.push_back(squatted);
     EXPECT_TRUE(attachSees({"ensure", squatted, "--cmd", "echo up-$((6*7)); sleep 600"}, options(),
                            "", "up-42"));
-    EXPECT_NE(readText(file(squatted, ".log")).find("abstract name held by another user"),
+    EXPECT_NE(readFile(file(squatted, ".log")).find("abstract name held by another user"),
               std::string::npos);
     ::kill(squatter, SIGKILL);
     ::waitpid(squatter, nullptr, 0);
@@ -252,7 +243,7 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
 
 TEST_F(DurableSession, BareProbesLeaveNoLogLines) {
     std::string id = startSession("/bin/sh", {"--cmd", "sleep 600"});
-    std::size_t logSize = readText(file(id, ".log")).size();
+    std::size_t logSize = readFile(file(id, ".log")).size();
     for (int probe = 0; probe < 10000; ++probe)
         WireConnection::connectTo(file(id, ".sock"));
     // A length field judged bad on its own four bytes: the keeper hangs up.
@@ -267,8 +258,8 @@ TEST_F(DurableSession, BareProbesLeaveNoLogLines) {
     greeted.sendFrame(8, std::string(1, '\1'));
     greeted.close();
     ASSERT_TRUE(waitUntil(
-        [&] { return readText(file(id, ".log")).find("client dropped") != std::string::npos; }));
-    std::string log = readText(file(id, ".log"));
+        [&] { return readFile(file(id, ".log")).find("client dropped") != std::string::npos; }));
+    std::string log = readFile(file(id, ".log"));
     EXPECT_EQ(count(log, "client dropped"), 1u);
     EXPECT_LT(log.size(), logSize + 200) << log;
 }
