@@ -289,7 +289,9 @@ def tracking_cost(tovel_mibs):
     if not os.path.exists(exe):
         subprocess.run(['c++', '-std=c++23', '-O2', '-I', os.path.join(root, 'src'), '-o', exe,
                         os.path.join(root, 'bench/terminal_state_bench.cpp'),
-                        os.path.join(root, 'src/client/protocol/terminal_state.cpp')], check=True)
+                        os.path.join(root, 'src/client/protocol/terminal_state.cpp'),
+                        os.path.join(root, 'src/client/protocol/terminal_state_sequences.cpp')],
+                       check=True)
     speeds = dict(line.split() for line in subprocess.run([exe], capture_output=True, text=True, check=True).stdout.splitlines())
     print('Terminal-state parser (MiB/s; share of each byte\'s time at %.1f MiB/s, two passes):\n' % tovel_mibs)
     for shape, mibs in speeds.items():
