@@ -55,30 +55,40 @@ Result<ListeningSocket> listenOnSessionSocket(const std::string& path) {
     return ListeningSocket(std::move(fd), path);
 }
 
-// Whether the listener at `name` is another user's.
-bool heldByAnotherUser(const std::string& name) {
-    auto connected = sys::connectAbstract(name);
-    if (!connected)
-        return false;
-    auto peer = sys::peerUid(connected->get());
-    return peer && *peer != sys::getuid();
-}
+// A keeper of this user listens within moments of binding its name; a
+// name still refusing connections after this long is not a keeper's.
+constexpr int kNameProbes = 5;
+constexpr std::int64_t kNameProbeIntervalMs = 10;
 
 // The name no file clean-up can remove; holding it makes this keeper the
 // one keeper of the id, whatever happened to the runtime directory. Any
-// local user can bind it first: that must not stop the owner's session,
-// which then has its lock to stay unique and its socket file to be reached
-// by (no listener at all is returned).
+// local user can bind it first, listening or not: that must not stop the
+// owner's session, which then has its lock to stay unique and its socket
+// file to be reached by (no listener at all is returned).
 Result<UniqueFd> listenOnAbstractName(std::string_view id) {
     std::string directory = TRY(runtimeDir());
     std::string name = abstractSessionName(directory, id);
-    auto fd = sys::listenAbstract(name, kListenBacklog);
-    if (fd)
-        return std::move(*fd);
-    if (fd.error() != Error::AddressInUse)
-        return fail(fd.error());
-    if (!heldByAnotherUser(name))
-        return fail(Error::SessionAlreadyRunning);
+    for (int probe = 0; probe < kNameProbes; ++probe) {
+        auto fd = sys::listenAbstract(name, kListenBacklog);
+        if (fd)
+            return std::move(*fd);
+        if (fd.error() != Error::AddressInUse)
+            return fail(fd.error());
+        // Never waiting: a listener that does not accept must not hang
+        // the start.
+        auto holder = sys::connectAbstract(name, sys::ConnectWait::Never);
+        if (holder) {
+            auto peer = sys::peerUid(holder->get());
+            if (!peer || *peer == sys::getuid())
+                return fail(Error::SessionAlreadyRunning);
+            break;
+        }
+        // Refused: a keeper between binding and listening, a name just
+        // let go of, or a socket that will never listen.
+        if (holder.error() != Error::ConnectionRefused)
+            return fail(Error::SessionAlreadyRunning);
+        (void)sys::sleepMs(kNameProbeIntervalMs);
+    }
     logWarning(LogScope::Keeper, "abstract name held by another user; listening at ", id,
                ".sock only");
     return UniqueFd{};

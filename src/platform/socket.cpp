@@ -39,8 +39,8 @@ Result<AbstractAddress> abstractAddress(std::string_view name) {
     return out;
 }
 
-Result<UniqueFd> unixSocket() {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+Result<UniqueFd> unixSocket(int flags = 0) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
     // Creation failures callers tell apart; anything else is Unexpected.
     if (fd < 0)
         return fail(
@@ -50,8 +50,11 @@ Result<UniqueFd> unixSocket() {
     return UniqueFd(fd);
 }
 
-Result<UniqueFd> connectTo(const sockaddr_un& address, socklen_t length) {
-    UniqueFd fd = TRY(unixSocket());
+Result<UniqueFd> connectTo(const sockaddr_un& address, socklen_t length,
+                           ConnectWait wait = ConnectWait::UntilAccepted) {
+    // A Unix stream socket connects at once or, with the listener's backlog
+    // full, waits; without blocking that wait is WouldBlock instead.
+    UniqueFd fd = TRY(unixSocket(wait == ConnectWait::Never ? SOCK_NONBLOCK : 0));
     int connected = retryOnInterrupt(
         [&] { return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length); });
     if (connected < 0)
@@ -80,9 +83,9 @@ Result<UniqueFd> listenUnix(std::string_view path, int backlog) {
     return listenAt(address, sizeof address, backlog);
 }
 
-Result<UniqueFd> connectAbstract(std::string_view name) {
+Result<UniqueFd> connectAbstract(std::string_view name, ConnectWait wait) {
     AbstractAddress abstract = TRY(abstractAddress(name));
-    return connectTo(abstract.address, abstract.length);
+    return connectTo(abstract.address, abstract.length, wait);
 }
 
 Result<UniqueFd> listenAbstract(std::string_view name, int backlog) {

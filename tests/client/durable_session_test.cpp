@@ -8,7 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstddef>
+#include <cstring>
 #include <filesystem>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <thread>
@@ -31,6 +35,17 @@ std::vector<int> keeperPids(const std::string& id) {
             pids.push_back(std::stoi(name));
     }
     return pids;
+}
+
+// Binds `name` in the abstract namespace without listening, for the
+// process's life.
+bool bindAbstractOnly(const std::string& name) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, name.data(), name.size());
+    auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    return ::bind(::socket(AF_UNIX, SOCK_STREAM, 0), reinterpret_cast<sockaddr*>(&address),
+                  length) == 0;
 }
 
 std::size_t count(const std::string& text, const std::string& needle) {
@@ -210,35 +225,39 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
     EXPECT_EQ(count(readFile(file(id, ".log")), "peer uid=65534"), 1u);
     EXPECT_EQ(count(runBinary({"list"}, options()).out, id), 1u);
 
-    // Nor can another user pose as a keeper by binding a session's name first.
-    const std::string squatted(32, 'e');
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    pid_t squatter = ::fork();
-    if (squatter == 0) {
-        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
-            ::_exit(3);
-        auto fd = sys::listenAbstract(name.substr(0, name.size() - 32) + squatted, 8);
-        (void)!::write(ready[1], fd ? "1" : "0", 1);
-        ::pause();
-        ::_exit(0);
+    // Nor can another user pose as a keeper by binding a session's name
+    // first, listening or not, or keep the owner from starting it.
+    for (bool listening : {true, false}) {
+        const std::string squatted(32, listening ? 'e' : 'f');
+        std::string squattedName = name.substr(0, name.size() - 32) + squatted;
+        int ready[2];
+        ASSERT_EQ(::pipe(ready), 0);
+        pid_t squatter = ::fork();
+        if (squatter == 0) {
+            if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
+                ::_exit(3);
+            auto listener = listening ? sys::listenAbstract(squattedName, 8) : Result<UniqueFd>{};
+            bool bound = listening ? listener.has_value() : bindAbstractOnly(squattedName);
+            (void)!::write(ready[1], bound ? "1" : "0", 1);
+            ::pause();
+            ::_exit(0);
+        }
+        char bound = 0;
+        ASSERT_EQ(::read(ready[0], &bound, 1), 1);
+        EXPECT_EQ(bound, '1');
+        EXPECT_EQ(runBinary({"list", "--json"}, options()).out.find(squatted), std::string::npos);
+        RunResult killed = runBinary({"kill", squatted}, options());
+        EXPECT_EQ(killed.err, "session " + squatted + ": not running\n");
+        ids_.push_back(squatted);
+        EXPECT_TRUE(attachSees({"ensure", squatted, "--cmd", "echo up-$((6*7)); sleep 600"},
+                               options(), "", "up-42"));
+        EXPECT_NE(readFile(file(squatted, ".log")).find("abstract name held by another user"),
+                  std::string::npos);
+        ::kill(squatter, SIGKILL);
+        ::waitpid(squatter, nullptr, 0);
+        ::close(ready[0]);
+        ::close(ready[1]);
     }
-    char bound = 0;
-    ASSERT_EQ(::read(ready[0], &bound, 1), 1);
-    EXPECT_EQ(bound, '1');
-    EXPECT_EQ(runBinary({"list", "--json"}, options()).out.find(squatted), std::string::npos);
-    RunResult killed = runBinary({"kill", squatted}, options());
-    EXPECT_EQ(killed.err, "session " + squatted + ": not running\n");
-    // Nor keep the owner from starting that session.
-    ids_.push_back(squatted);
-    EXPECT_TRUE(attachSees({"ensure", squatted, "--cmd", "echo up-$((6*7)); sleep 600"}, options(),
-                           "", "up-42"));
-    EXPECT_NE(readFile(file(squatted, ".log")).find("abstract name held by another user"),
-              std::string::npos);
-    ::kill(squatter, SIGKILL);
-    ::waitpid(squatter, nullptr, 0);
-    ::close(ready[0]);
-    ::close(ready[1]);
 }
 
 TEST_F(DurableSession, BareProbesLeaveNoLogLines) {
