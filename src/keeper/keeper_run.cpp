@@ -74,15 +74,16 @@ Result<UniqueFd> listenOnAbstractName(std::string_view id) {
             return std::move(*fd);
         if (fd.error() != Error::AddressInUse)
             return fail(fd.error());
-        // Never waiting: a listener that does not accept must not hang
-        // the start.
-        auto holder = sys::connectAbstract(name, sys::ConnectWait::Never);
+        auto holder = connectAbstractName(name);
         if (holder) {
             auto peer = sys::peerUid(holder->get());
             if (!peer || *peer == sys::getuid())
                 return fail(Error::SessionAlreadyRunning);
             break;
         }
+        // A full backlog a second long is no keeper's.
+        if (holder.error() == Error::WouldBlock)
+            break;
         // Refused: a keeper between binding and listening, a name just
         // let go of, or a socket that will never listen.
         if (holder.error() != Error::ConnectionRefused)

@@ -50,11 +50,10 @@ Result<UniqueFd> unixSocket(int flags = 0) {
     return UniqueFd(fd);
 }
 
-Result<UniqueFd> connectTo(const sockaddr_un& address, socklen_t length,
-                           ConnectWait wait = ConnectWait::UntilAccepted) {
-    // A Unix stream socket connects at once or, with the listener's backlog
-    // full, waits; without blocking that wait is WouldBlock instead.
-    UniqueFd fd = TRY(unixSocket(wait == ConnectWait::Never ? SOCK_NONBLOCK : 0));
+// A Unix stream socket connects at once or, with the listener's backlog
+// full, waits; `flags` with SOCK_NONBLOCK makes that wait WouldBlock.
+Result<UniqueFd> connectTo(const sockaddr_un& address, socklen_t length, int flags = 0) {
+    UniqueFd fd = TRY(unixSocket(flags));
     int connected = retryOnInterrupt(
         [&] { return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length); });
     if (connected < 0)
@@ -83,9 +82,9 @@ Result<UniqueFd> listenUnix(std::string_view path, int backlog) {
     return listenAt(address, sizeof address, backlog);
 }
 
-Result<UniqueFd> connectAbstract(std::string_view name, ConnectWait wait) {
+Result<UniqueFd> connectAbstract(std::string_view name) {
     AbstractAddress abstract = TRY(abstractAddress(name));
-    return connectTo(abstract.address, abstract.length, wait);
+    return connectTo(abstract.address, abstract.length, SOCK_NONBLOCK);
 }
 
 Result<UniqueFd> listenAbstract(std::string_view name, int backlog) {

@@ -16,15 +16,12 @@ namespace tovel::sys {
 // A close-on-exec AF_UNIX stream socket bound to `path` and listening.
 [[nodiscard]] Result<UniqueFd> listenUnix(std::string_view path, int backlog);
 
-// Whether a connect waits for a listener whose backlog is full; a socket
-// connected with Never stays non-blocking.
-enum class ConnectWait : bool { UntilAccepted, Never };
-
 // The same in the Linux abstract namespace: `name` is given without its
 // leading NUL byte, and the address covers exactly the name's bytes, so no
-// file is involved. AddressInUse when another socket holds the name.
-[[nodiscard]] Result<UniqueFd> connectAbstract(std::string_view name,
-                                               ConnectWait wait = ConnectWait::UntilAccepted);
+// file is involved. AddressInUse when another socket holds the name. Any
+// local user can listen there, so the connect never waits: WouldBlock when
+// the listener's backlog is full, and the socket stays non-blocking.
+[[nodiscard]] Result<UniqueFd> connectAbstract(std::string_view name);
 [[nodiscard]] Result<UniqueFd> listenAbstract(std::string_view name, int backlog);
 
 // accept4 with close-on-exec and non-blocking set on the new socket.

@@ -126,6 +126,12 @@ Result<> setNonBlocking(int fd) {
     return {};
 }
 
+Result<> setBlocking(int fd) {
+    int flags = TRY(fcntl(fd, F_GETFL));
+    TRY(fcntl(fd, F_SETFL, flags & ~O_NONBLOCK));
+    return {};
+}
+
 Result<> setCloseOnExec(int fd, bool closeOnExec) {
     int flags = TRY(fcntl(fd, F_GETFD));
     flags = closeOnExec ? (flags | FD_CLOEXEC) : (flags & ~FD_CLOEXEC);

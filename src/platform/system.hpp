@@ -48,6 +48,7 @@ struct Pipe {
 [[nodiscard]] Result<> dup2(int from, int to);
 [[nodiscard]] Result<int> fcntl(int fd, int command, long argument = 0);
 [[nodiscard]] Result<> setNonBlocking(int fd);
+[[nodiscard]] Result<> setBlocking(int fd);
 [[nodiscard]] Result<> setCloseOnExec(int fd, bool closeOnExec);
 
 // poll with a timeout in milliseconds (-1 waits forever). Retries EINTR with

@@ -1,6 +1,7 @@
 // Sessions that outlive their files: a wiped runtime directory, the abstract
 // address, its owner-only admission, concurrent ensure, kill of shells that
 // ignore SIGTERM, and keepers that do not log bare liveness probes.
+#include "client/protocol/session_address.hpp"
 #include "platform/socket.hpp"
 #include "support/test_support.hpp"
 #include "support/wire.hpp"
@@ -208,7 +209,7 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
         if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
             ::_exit(3);
         for (int attempt = 0; attempt < 20; ++attempt) {
-            auto fd = sys::connectAbstract(name);
+            auto fd = connectAbstractName(name);
             WireConnection stranger(fd ? fd->release() : -1);
             if (!stranger.connected())
                 continue; // refused outright is just as good
@@ -227,8 +228,9 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
 
     // Nor can another user pose as a keeper by binding a session's name
     // first, listening or not, or keep the owner from starting it.
-    for (bool listening : {true, false}) {
-        const std::string squatted(32, listening ? 'e' : 'f');
+    // The third never accepts, and one waiting connection fills its backlog.
+    for (char squat : {'e', 'f', 'a'}) {
+        const std::string squatted(32, squat);
         std::string squattedName = name.substr(0, name.size() - 32) + squatted;
         int ready[2];
         ASSERT_EQ(::pipe(ready), 0);
@@ -236,8 +238,14 @@ TEST_F(DurableSession, AnotherUserCannotUseTheAbstractName) {
         if (squatter == 0) {
             if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
                 ::_exit(3);
-            auto listener = listening ? sys::listenAbstract(squattedName, 8) : Result<UniqueFd>{};
-            bool bound = listening ? listener.has_value() : bindAbstractOnly(squattedName);
+            Result<UniqueFd> listener = fail(Error::Unexpected);
+            Result<UniqueFd> waiting = fail(Error::Unexpected);
+            if (squat != 'f')
+                listener = sys::listenAbstract(squattedName, squat == 'a' ? 0 : 8);
+            if (squat == 'a')
+                waiting = sys::connectAbstract(squattedName);
+            bool bound = squat == 'f' ? bindAbstractOnly(squattedName)
+                                      : listener && (squat != 'a' || waiting);
             (void)!::write(ready[1], bound ? "1" : "0", 1);
             ::pause();
             ::_exit(0);

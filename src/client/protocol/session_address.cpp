@@ -4,14 +4,21 @@
 #include "cli/runtime_dir.hpp"
 #include "cli/session_id.hpp"
 #include "client/protocol/frame.hpp"
+#include "platform/clock.hpp"
 #include "platform/process.hpp"
 #include "platform/socket.hpp"
+#include "platform/system.hpp"
 
 #include <cstdint>
 
 namespace tovel {
 
 namespace {
+
+// A keeper whose backlog is full takes the connection within moments; a
+// listener that never accepts must not hang anyone.
+constexpr int kFullBacklogRetries = 100;
+constexpr std::int64_t kFullBacklogRetryMs = 10;
 
 // FNV-1a, 64 bits: stable across builds, which a shared name needs.
 std::uint64_t pathHash(std::string_view text) {
@@ -50,7 +57,7 @@ Result<UniqueFd> ownKeeper(Result<UniqueFd> connected) {
 }
 
 Result<UniqueFd> connectAbstractKeeper(std::string_view runtimeDir, std::string_view id) {
-    return ownKeeper(sys::connectAbstract(abstractSessionName(runtimeDir, id)));
+    return ownKeeper(connectAbstractName(abstractSessionName(runtimeDir, id)));
 }
 
 } // namespace
@@ -63,6 +70,19 @@ std::string abstractSessionName(std::string_view runtimeDir, std::string_view id
     std::string name = abstractNamePrefix(runtimeDir);
     name.append(id);
     return name;
+}
+
+Result<UniqueFd> connectAbstractName(std::string_view name) {
+    auto connected = sys::connectAbstract(name);
+    for (int retry = 0;
+         retry < kFullBacklogRetries && !connected && connected.error() == Error::WouldBlock;
+         ++retry) {
+        (void)sys::sleepMs(kFullBacklogRetryMs);
+        connected = sys::connectAbstract(name);
+    }
+    if (connected)
+        TRY(sys::setBlocking(connected->get()));
+    return connected;
 }
 
 Result<UniqueFd> connectSessionIn(std::string_view runtimeDir, std::string_view id) {

@@ -18,6 +18,11 @@ namespace tovel {
 [[nodiscard]] std::string abstractNamePrefix(std::string_view runtimeDir);
 [[nodiscard]] std::string abstractSessionName(std::string_view runtimeDir, std::string_view id);
 
+// Connects to an abstract name. A listener whose backlog is full is waited
+// for a second at most, then WouldBlock: a keeper takes its connections
+// within moments, and one that never accepts must not hang anyone.
+[[nodiscard]] Result<UniqueFd> connectAbstractName(std::string_view name);
+
 // Connects to the session in `runtimeDir`: its socket path first, then its
 // abstract name when the path is missing or refuses. A failure reports the
 // path's error.
