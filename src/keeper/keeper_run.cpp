@@ -90,8 +90,6 @@ Result<UniqueFd> listenOnAbstractName(std::string_view id) {
             return fail(Error::SessionAlreadyRunning);
         (void)sys::sleepMs(kNameProbeIntervalMs);
     }
-    logWarning(LogScope::Keeper, "abstract name held by another user; listening at ", id,
-               ".sock only");
     return UniqueFd{};
 }
 
@@ -108,6 +106,10 @@ Result<std::unique_ptr<KeeperLoop>> startUp(std::string_view id, const SpawnOpti
     if (!lock)
         return fail(lock.error() == Error::WouldBlock ? Error::SessionAlreadyRunning
                                                       : lock.error());
+    // Said only now: a keeper that is not the session's writes nothing.
+    if (!abstract.valid())
+        logWarning(LogScope::Keeper, "abstract name held by another user; listening at ", id,
+                   ".sock only");
 
     std::string socketPath = TRY(sessionPath(id, ".sock"));
     std::string metadataPath = TRY(sessionPath(id, ".meta"));
