@@ -25,6 +25,14 @@ Result<> ByteQueue::append(std::string_view first, std::string_view second, Erro
     return {};
 }
 
+void ByteQueue::reserve(std::size_t count) {
+    if (offset_ > 0) {
+        bytes_.erase(0, offset_);
+        offset_ = 0;
+    }
+    bytes_.reserve(bytes_.size() + count);
+}
+
 void ByteQueue::consume(std::size_t count) {
     offset_ += count;
     if (offset_ < bytes_.size())

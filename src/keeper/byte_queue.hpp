@@ -25,6 +25,10 @@ class ByteQueue {
     // bytes would exceed the bound.
     [[nodiscard]] Result<> append(std::string_view first, std::string_view second, Error refusal);
     void consume(std::size_t count);
+    // Makes room for `count` more bytes at once, so that appending a
+    // replay's many frames copies each byte once rather than at every
+    // doubling.
+    void reserve(std::size_t count);
 
   private:
     std::string bytes_;

@@ -14,6 +14,7 @@
 #include <climits>
 #include <csignal>
 #include <sys/wait.h>
+#include <utility>
 
 namespace tovel {
 
@@ -54,6 +55,17 @@ Result<Winsize> parseWinsize(std::string_view payload) {
     if (size.cols == 0 || size.rows == 0)
         return fail(Error::InvalidWinsize);
     return size;
+}
+
+// The bytes of the frames that carry `replay`, markers included.
+std::size_t replayFrameBytes(const ReplayRing::Replay& replay) {
+    std::size_t frames = 2 + (replay.preamble.empty() ? 0 : 1);
+    std::size_t payload = replay.preamble.view().size();
+    for (std::string_view piece : {replay.older, replay.newer}) {
+        frames += (piece.size() + kOutputBatchSize - 1) / kOutputBatchSize;
+        payload += piece.size();
+    }
+    return payload + frames * kFrameHeaderSize;
 }
 
 void requestRepaint(int master) {
@@ -487,15 +499,23 @@ Result<> KeeperLoop::handleAttach(KeeperClient& client, std::string_view payload
             rewriteMetadata();
         return {};
     }
-    TRY(queueFrame(client, FrameType::ReplayStart, {}));
     ReplayRing::Replay replay = ring_.replay();
+    TRY(queueFrame(client, FrameType::ReplayStart, {}));
     if (!replay.preamble.empty())
         TRY(queueFrame(client, FrameType::Output, replay.preamble.view()));
+    bool firstChunk = true;
     for (std::string_view piece : {replay.older, replay.newer}) {
         while (!piece.empty()) {
             std::string_view chunk = piece.substr(0, kOutputBatchSize);
             TRY(queueFrame(client, FrameType::Output, chunk));
             piece.remove_prefix(chunk.size());
+            if (!std::exchange(firstChunk, false))
+                continue;
+            // The returning user sees the first screenful while the rest is
+            // copied, and the rest is copied once, not at every doubling
+            // (what was already sent leaves slack that is never touched).
+            TRY(writeClient(client));
+            client.output.reserve(replayFrameBytes(replay));
         }
     }
     TRY(queueFrame(client, FrameType::ReplayEnd, {}));
