@@ -4,6 +4,7 @@
 #include "platform/socket.hpp"
 #include "platform/system.hpp"
 
+#include <algorithm>
 #include <poll.h>
 
 namespace tovel {
@@ -88,9 +89,12 @@ Result<> wait_fd(int fd, short events) {
 
 namespace {
 
-Result<> writeCompletely(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        auto written = sys::write(fd, bytes);
+// One call for header and payload when the peer has room: a frame never
+// waits on a second system call, and the keeper reads it whole.
+Result<> writeCompletely(int fd, std::string_view header, std::string_view payload) {
+    while (!header.empty() || !payload.empty()) {
+        std::string_view pieces[] = {header, payload};
+        auto written = sys::writev(fd, pieces);
         if (!written && written.error() == Error::WouldBlock) {
             TRY(wait_fd(fd, POLLOUT));
             continue;
@@ -99,7 +103,9 @@ Result<> writeCompletely(int fd, std::string_view bytes) {
             return fail(written.error());
         if (*written == 0)
             return fail(Error::BrokenPipe);
-        bytes.remove_prefix(*written);
+        std::size_t fromHeader = std::min(*written, header.size());
+        header.remove_prefix(fromHeader);
+        payload.remove_prefix(*written - fromHeader);
     }
     return {};
 }
@@ -130,9 +136,7 @@ Result<> write_frame(int fd, FrameType type, std::string_view payload) {
         return fail(Error::FrameTooLarge);
     char header[kFrameHeaderSize];
     encodeFrameHeader(header, type, payload.size());
-    TRY(writeCompletely(fd, std::string_view(header, kFrameHeaderSize)));
-    TRY(writeCompletely(fd, payload));
-    return {};
+    return writeCompletely(fd, std::string_view(header, kFrameHeaderSize), payload);
 }
 
 Result<std::optional<Frame>> read_frame(int fd) {
