@@ -2,7 +2,10 @@
 """Persistent-shell benchmarks, side by side in one run: a raw PTY (the
 physical limit), a bare relay through a second terminal (the limit for any
 tool that gives a session its own terminal), tovel-ptyd, dtach and tmux.
-Prints a markdown report.
+Throughput is also measured to a client whose standard input and output are
+pipes, as when the app runs `attach` over an SSH channel without a terminal:
+there the limit is the bare relay writing to the same pipe, a session
+terminal read straight by a C loop ("raw-pipe"). Prints a markdown report.
 
 Usage: bench/pty_bench.py [path/to/tovel-ptyd] [--rounds N] [--throughput]
 --throughput runs only the throughput sections. Peers that are not
@@ -17,8 +20,8 @@ ENV = dict(os.environ, TOVEL_PTYD_DIR=WORK, SHELL='/bin/sh', TERM='xterm-256colo
 MIB = 1048576
 PRODUCER = "head -c %d /dev/zero | tr '\\0' a; echo; echo BENCH-END" % (32 * MIB)
 started = []  # (kind, handle) to clean up
-DELIVERY = []  # per tovel throughput run: (mid-stream replays, every byte delivered)
-CPU = []  # per tovel throughput run: (keeper, attach client) CPU milliseconds per MiB
+DELIVERY = {}  # tovel kind -> per run: (mid-stream replays, every byte delivered)
+CPU = {}  # tovel kind -> per run: (keeper, attach client) CPU milliseconds per MiB
 
 
 def spawn(argv, cols=80, rows=24):
@@ -104,22 +107,23 @@ def relay_binary():
     return exe
 
 
-def tovel_session(cmd):
-    out = subprocess.run([BIN, 'new', '--cmd', cmd], env=ENV, capture_output=True, text=True, check=True).stdout
+def tovel_session(cmd, cols=80, rows=24):
+    out = subprocess.run([BIN, 'new', '--cmd', cmd, '--cols', str(cols), '--rows', str(rows)], env=ENV,
+                         capture_output=True, text=True, check=True).stdout
     sid = out.strip()
     meta = dict(l.split('=', 1) for l in open(os.path.join(WORK, sid + '.meta')).read().split('\n') if '=' in l)
     started.append(('tovel', (sid, int(meta['keeper_pid']))))
     return sid, int(meta['keeper_pid'])
 
 
-def client_for(kind, cmd):
+def client_for(kind, cmd, cols=80, rows=24):
     """Starts a session running cmd and returns the argv that attaches to it."""
     if kind == 'raw':
         return ['sh', '-c', cmd]
-    if kind == 'relay':
+    if kind in ('relay', 'raw-pipe'):
         return [relay_binary(), cmd]
-    if kind == 'tovel':
-        sid, _ = tovel_session(cmd)
+    if kind.startswith('tovel'):
+        sid, _ = tovel_session(cmd, cols, rows)
         return [BIN, 'attach', sid]
     if kind == 'dtach':
         sock = os.path.join(WORK, 'd%d.sock' % len(started))
@@ -134,29 +138,45 @@ def client_for(kind, cmd):
 
 
 def throughput(kind, cols, rows):
-    argv = client_for(kind, 'read go; ' + PRODUCER + '; read done')
-    pid, fd = spawn(argv, cols, rows)
-    wait_raw(fd, kind)
-    peak = [0]
+    argv = client_for(kind, 'read go; ' + PRODUCER + '; read done', cols, rows)
+    if kind.endswith('-pipe'):
+        # The relay sizes its session terminal from these when its input
+        # is not a terminal.
+        env = dict(ENV, COLUMNS=str(cols), LINES=str(rows))
+        proc = subprocess.Popen(argv, env=env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        pid, fd, start = proc.pid, proc.stdout.fileno(), proc.stdin.fileno()
+        time.sleep(0.3)
+    else:
+        proc = None
+        pid, fd = spawn(argv, cols, rows)
+        start = fd
+        wait_raw(fd, kind)
+    peak = 0
     counts = {b'a': 0, b'pty-replay-start': 0}
-    keeper = started[-1][1][1] if kind == 'tovel' else 0
+    tovel = kind.startswith('tovel')
+    keeper = started[-1][1][1] if tovel else 0
     cpu0 = (cpu_ns(keeper), cpu_ns(pid))
     t0 = time.monotonic()
-    os.write(fd, b'\r')
+    os.write(start, b'\r')
     got = read_until(fd, b'BENCH-END', counts=counts)
     t = time.monotonic() - t0
-    if kind == 'tovel':
+    if tovel:
         # The session printed nothing before "go": any replay marker is a
         # reconnect in mid-stream, and then bytes went missing.
-        DELIVERY.append((counts[b'pty-replay-start'], counts[b'a'] == 32 * MIB))
-        CPU.append(((cpu_ns(keeper) - cpu0[0]) / 32e6, (cpu_ns(pid) - cpu0[1]) / 32e6))
-    if kind == 'tovel':
+        DELIVERY.setdefault(kind, []).append((counts[b'pty-replay-start'], counts[b'a'] == 32 * MIB))
+        CPU.setdefault(kind, []).append(((cpu_ns(keeper) - cpu0[0]) / 32e6, (cpu_ns(pid) - cpu0[1]) / 32e6))
         try:
-            peak[0] = rss_kib(pid)
+            peak = rss_kib(pid)
         except OSError:
             pass
-    finish(pid, fd)
-    return (32 * MIB / t / MIB if got else float('nan')), peak[0]
+    if proc:
+        proc.kill()
+        proc.wait()
+        proc.stdin.close()
+        proc.stdout.close()
+    else:
+        finish(pid, fd)
+    return (32 * MIB / t / MIB if got else float('nan')), peak
 
 
 def echo_latency(kind, samples=400):
@@ -238,45 +258,49 @@ def new_latency():
     return statistics.median(tovel), statistics.median(dtach)
 
 
-def replay_and_reattach():
-    sid, _ = tovel_session('head -c 2097152 /dev/zero | tr "\\0" r; echo PRINTED; read x')
-    time.sleep(1.0)
+def first_byte_ms(argv):
+    """Milliseconds from starting argv in a fresh terminal to its first output."""
     t0 = time.monotonic()
-    pid, fd = spawn([BIN, 'attach', sid])
-    first = None
-    data = b''
-    end = time.monotonic() + 10
-    while time.monotonic() < end:
-        r, _, _ = select.select([fd], [], [], 0.2)
-        if not r:
-            continue
-        chunk = os.read(fd, 1 << 20)
-        if first is None:
-            first = time.monotonic() - t0
-        data = (data + chunk)[-512:]
-        if b'pty-replay-end' in data:
-            break
-    replay = time.monotonic() - t0
+    pid, fd = spawn(argv)
+    ready, _, _ = select.select([fd], [], [], 5)
+    first = (time.monotonic() - t0) * 1000 if ready else float('nan')
     finish(pid, fd)
-    # A raw PTY carrying the same mebibyte.
-    t0 = time.monotonic()
-    pid, fd = spawn(['sh', '-c', 'head -c 1048576 /dev/zero | tr "\\0" r; echo RAW-END'])
-    read_until(fd, b'RAW-END')
-    raw = time.monotonic() - t0
-    finish(pid, fd)
-    if not shutil.which('dtach'):
-        return first * 1000, float('nan'), replay * 1000, raw * 1000
-    # dtach's first byte on reattach to a session with output.
+    return first
+
+
+def replay_and_reattach(samples=15):
+    """Reattach first byte (medians of interleaved samples): tovel to a
+    session holding a full 1 MiB ring and to one that printed a line, dtach
+    to one that printed a line; then a full 1 MiB replay to its end marker
+    against a raw PTY carrying 1 MiB."""
+    full, _ = tovel_session('head -c 2097152 /dev/zero | tr "\\0" r; echo PRINTED; read x')
+    small, _ = tovel_session('echo hello; read x')
     sock = os.path.join(WORK, 'r.sock')
-    subprocess.run(['dtach', '-n', sock, '-E', 'sh', '-c', 'echo hello; read x'], env=ENV, check=True)
-    started.append(('dtach', sock))
-    time.sleep(0.3)
-    t0 = time.monotonic()
-    pid, fd = spawn(['dtach', '-a', sock, '-E', '-r', 'ctrl_l'])
-    r, _, _ = select.select([fd], [], [], 2)
-    dfirst = time.monotonic() - t0 if r else float('nan')
-    finish(pid, fd)
-    return first * 1000, dfirst * 1000, replay * 1000, raw * 1000
+    have_dtach = shutil.which('dtach') is not None
+    if have_dtach:
+        subprocess.run(['dtach', '-n', sock, '-E', 'sh', '-c', 'echo hello; read x'], env=ENV, check=True)
+        started.append(('dtach', sock))
+    time.sleep(1.0)
+    firsts = {'full': [], 'small': [], 'dtach': []}
+    for _ in range(samples):
+        firsts['full'].append(first_byte_ms([BIN, 'attach', full]))
+        firsts['small'].append(first_byte_ms([BIN, 'attach', small]))
+        if have_dtach:
+            firsts['dtach'].append(first_byte_ms(['dtach', '-a', sock, '-E', '-r', 'ctrl_l']))
+    replays, raws = [], []
+    for _ in range(7):
+        t0 = time.monotonic()
+        pid, fd = spawn([BIN, 'attach', full])
+        read_until(fd, b'pty-replay-end', timeout=10)
+        replays.append((time.monotonic() - t0) * 1000)
+        finish(pid, fd)
+        t0 = time.monotonic()
+        pid, fd = spawn(['sh', '-c', 'head -c 1048576 /dev/zero | tr "\\0" r; echo RAW-END'])
+        read_until(fd, b'RAW-END')
+        raws.append((time.monotonic() - t0) * 1000)
+        finish(pid, fd)
+    median = lambda xs: statistics.median(xs) if xs else float('nan')
+    return ({k: median(v) for k, v in firsts.items()}, median(replays), median(raws))
 
 
 def tracking_cost(tovel_mibs):
@@ -317,30 +341,34 @@ def cleanup():
 
 def main():
     kinds = [k for k in ('raw', 'relay', 'tovel', 'dtach', 'tmux') if k in ('raw', 'relay', 'tovel') or shutil.which(k)]
+    piped = ['raw-pipe', 'tovel-pipe']
     try:
         print('## Persistent shells (%s, %d rounds, interleaved)\n' % (time.strftime('%Y-%m-%d'), ROUNDS))
         for cols, rows in ((80, 24), (200, 60)):
-            results = {k: [] for k in kinds}
+            results = {k: [] for k in kinds + piped}
             rss = []
             for _ in range(ROUNDS):
-                for k in kinds:
+                for k in kinds + piped:
                     mbs, peak = throughput(k, cols, rows)
                     results[k].append(mbs)
                     if peak:
                         rss.append(peak)
-            raw = statistics.median(results['raw'])
-            print('Throughput %dx%d (MiB/s, median; ratio to raw PTY):\n' % (cols, rows))
-            for k in kinds:
-                m = statistics.median(results[k])
-                ratios = sorted(x / y for x, y in zip(results[k], results['raw']))
-                print('- %s: %.1f (%.2fx; rounds %.2f-%.2fx)' % (k, m, m / raw, ratios[0], ratios[-1]))
+            for title, group, limit in (('to a terminal', kinds, 'raw'), ('to a pipe', piped, 'raw-pipe')):
+                print('Throughput %dx%d %s (MiB/s, median; ratio to %s):\n' % (cols, rows, title, limit))
+                for k in group:
+                    m = statistics.median(results[k])
+                    ratios = sorted(x / y for x, y in zip(results[k], results[limit]))
+                    print('- %s: %.1f (%.2fx; rounds %.2f-%.2fx)' % (k, m, m / statistics.median(results[limit]),
+                                                                     ratios[0], ratios[-1]))
+                print()
             if rss:
                 print('- tovel attach client RSS while streaming: %d KiB' % max(rss))
-            print('- tovel mid-stream replays: %d in %d runs; every byte delivered in %d of %d'
-                  % (sum(r for r, _ in DELIVERY), len(DELIVERY), sum(1 for _, ok in DELIVERY if ok), len(DELIVERY)))
+            for k, runs in DELIVERY.items():
+                print('- %s mid-stream replays: %d in %d runs; every byte delivered in %d of %d'
+                      % (k, sum(r for r, _ in runs), len(runs), sum(1 for _, ok in runs if ok), len(runs)))
+                print('- %s CPU per MiB (median): keeper %.2f ms, attach client %.2f ms'
+                      % (k, statistics.median(c for c, _ in CPU[k]), statistics.median(c for _, c in CPU[k])))
             DELIVERY.clear()
-            print('- tovel CPU per MiB (median): keeper %.2f ms, attach client %.2f ms'
-                  % (statistics.median(k for k, _ in CPU), statistics.median(c for _, c in CPU)))
             CPU.clear()
             print()
             tracking_cost(statistics.median(results['tovel']))
@@ -362,9 +390,11 @@ def main():
         if shutil.which('dtach'):
             t, d = new_latency()
             print('`new` returning the id: median %.2f ms; `dtach -n`: %.2f ms (%.2fx)\n' % (t, d, t / d))
-        first, dfirst, replay, raw = replay_and_reattach()
-        print('Reattach first byte: tovel %.2f ms, dtach %.2f ms' % (first, dfirst))
-        print('Full 1 MiB replay to end marker: %.2f ms; raw PTY carrying 1 MiB: %.2f ms (%.2fx)' % (replay, raw, replay / raw))
+        first, replay, raw = replay_and_reattach()
+        print('Reattach first byte (median of 15): tovel %.2f ms with a full ring, %.2f ms after one line; '
+              'dtach %.2f ms after one line' % (first['full'], first['small'], first['dtach']))
+        print('Full 1 MiB replay to end marker (median of 7): %.2f ms; raw PTY carrying 1 MiB: %.2f ms (%.2fx)'
+              % (replay, raw, replay / raw))
     finally:
         cleanup()
 

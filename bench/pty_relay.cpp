@@ -3,7 +3,8 @@
 // output and its standard input to the session, with no socket, no ring and
 // no parsing. bench/pty_bench.py runs it as the "relay" contender, the bound
 // for every persistent-shell tool that keeps a terminal per session.
-// Usage: pty_relay <command>
+// Usage: pty_relay <command>; with standard input not a terminal, the
+// session terminal's size comes from COLUMNS and LINES.
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
@@ -12,12 +13,16 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 int main(int argc, char** argv) {
     if (argc != 2)
         return 2;
     winsize size{};
-    ioctl(0, TIOCGWINSZ, &size);
+    if (ioctl(0, TIOCGWINSZ, &size) != 0 && getenv("COLUMNS") && getenv("LINES")) {
+        size.ws_col = static_cast<unsigned short>(atoi(getenv("COLUMNS")));
+        size.ws_row = static_cast<unsigned short>(atoi(getenv("LINES")));
+    }
     int master = -1;
     pid_t child = forkpty(&master, nullptr, nullptr, &size);
     if (child < 0)

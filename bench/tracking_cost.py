@@ -3,15 +3,18 @@
 release binary against a copy built with the state parser turned into a
 no-op, interleaved round by round, each streaming 32 MiB of one output shape
 from a session's shell to an attached client in a PTY, with a raw PTY as the
-physical limit. Prints a markdown report.
+physical limit. With --pipe the attached client writes to a pipe (the
+app's SSH channel without a terminal) instead of a terminal. Prints a
+markdown report.
 
-Usage: bench/tracking_cost.py [--rounds N] [--size COLSxROWS]
+Usage: bench/tracking_cost.py [--rounds N] [--size COLSxROWS] [--pipe]
 """
 import os, pty, select, shutil, signal, statistics, subprocess, sys, tempfile, time, fcntl, termios, struct
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 ROUNDS = int(sys.argv[sys.argv.index('--rounds') + 1]) if '--rounds' in sys.argv else 7
 COLS, ROWS = (map(int, sys.argv[sys.argv.index('--size') + 1].split('x')) if '--size' in sys.argv else (80, 24))
+PIPE = '--pipe' in sys.argv
 WORK = tempfile.mkdtemp(prefix='tvt.')
 ENV = dict(os.environ, TOVEL_PTYD_DIR=WORK, SHELL='/bin/sh', TERM='xterm-256color')
 MIB = 1 << 20
@@ -96,6 +99,21 @@ def spawn(argv):
     return pid, fd
 
 
+def spawn_piped(argv):
+    """Starts argv with pipes for standard input and output; returns its pid,
+    the read end of its output and the write end of its input."""
+    in_read, in_write = os.pipe()
+    out_read, out_write = os.pipe()
+    pid = os.fork()
+    if pid == 0:
+        os.dup2(in_read, 0)
+        os.dup2(out_write, 1)
+        os.execvpe(argv[0], argv, ENV)
+    os.close(in_read)
+    os.close(out_write)
+    return pid, out_read, in_write
+
+
 def stream(binary, path):
     """(MiB/s from "go" to the end mark, keeper and client CPU ms per MiB),
     through an attached client (or a raw PTY when binary is None); None when
@@ -107,17 +125,22 @@ def stream(binary, path):
                              check=True).stdout.strip()
         meta = dict(l.split('=', 1) for l in open(os.path.join(WORK, sid + '.meta')).read().split('\n') if '=' in l)
         keeper = int(meta['keeper_pid'])
-        pid, fd = spawn([binary, 'attach', sid])
-        while termios.tcgetattr(fd)[3] & termios.ICANON:
-            time.sleep(0.01)
+        if PIPE:
+            pid, fd, start_fd = spawn_piped([binary, 'attach', sid])
+        else:
+            pid, fd = spawn([binary, 'attach', sid])
+            start_fd = fd
+            while termios.tcgetattr(fd)[3] & termios.ICANON:
+                time.sleep(0.01)
     else:
         pid, fd = spawn(['sh', '-c', cmd])
+        start_fd = fd
     time.sleep(0.3)  # lets the greeting and the empty replay pass
     while select.select([fd], [], [], 0)[0]:
         os.read(fd, 1 << 16)
     cpu = cpu_ms((pid, keeper) if keeper else ())
     start = time.monotonic()
-    os.write(fd, b'\r')
+    os.write(start_fd, b'\r')
     tail, ok, replays = b'', False, 0
     while True:
         if not select.select([fd], [], [], 30)[0]:
@@ -141,6 +164,8 @@ def stream(binary, path):
                 pass
     os.waitpid(pid, 0)
     os.close(fd)
+    if start_fd != fd:
+        os.close(start_fd)
     return (SIZE / MIB / seconds, cpu) if ok and replays == 0 else None
 
 
@@ -148,7 +173,8 @@ def main():
     try:
         tracked, untracked = build('tracked', False), build('untracked', True)
         contenders = {'raw PTY': None, 'tovel': tracked, 'tovel, no state tracking': untracked}
-        print('## State tracking cost (%s, %dx%d, %d rounds, interleaved)\n' % (time.strftime('%Y-%m-%d'), COLS, ROWS, ROUNDS))
+        print('## State tracking cost (%s, %dx%d, %d rounds, interleaved, client writing to a %s)\n'
+              % (time.strftime('%Y-%m-%d'), COLS, ROWS, ROUNDS, 'pipe' if PIPE else 'terminal'))
         print('| Output | raw PTY MiB/s | tovel | tovel, no tracking | throughput cost | keeper + client CPU ms/MiB, tracked / not |')
         print('|---|---|---|---|---|---|')
         for shape, path in shapes().items():
