@@ -38,16 +38,6 @@ Result<SpawnOptions> parse(std::vector<std::string_view> args, OptionSet allowed
     return parseSpawnOptions(args, allowed);
 }
 
-TEST(SpawnOptions, DefaultsWithoutOptions) {
-    auto options = parse({});
-    ASSERT_TRUE(options);
-    EXPECT_EQ(options->cols, 80);
-    EXPECT_EQ(options->rows, 24);
-    EXPECT_TRUE(options->cmd.empty());
-    EXPECT_TRUE(options->cwd.empty());
-    EXPECT_TRUE(options->portable.empty());
-}
-
 const char* const kEveryOption =
     "--cols 1_000 --rows +50 --cmd htop --cwd /tmp --lease-generation 0 --dir /x "
     "--workspace-id 0123abcd-0123-4567-89ab-0123456789ab --migration-id "

@@ -1,6 +1,5 @@
-// The keeper's building blocks: the replay ring's wrap-around, the bounded
-// queues and the shell child's plan.
-#include "keeper/byte_queue.hpp"
+// The keeper's building blocks: the replay ring's wrap-around and the shell
+// child's plan.
 #include "keeper/replay_ring.hpp"
 #include "keeper/shell_plan.hpp"
 
@@ -28,19 +27,6 @@ TEST(ReplayRing, HoldsExactlyTheNewestMebibyte) {
     }
     auto [older, newer] = ReplayRing().pieces();
     EXPECT_EQ(older.size() + newer.size(), 0u);
-}
-
-TEST(ByteQueue, RefusesWholeUnitsBeyondItsBound) {
-    ByteQueue queue(10);
-    EXPECT_TRUE(queue.append("12345", "678", Error::OutputBackpressure));
-    EXPECT_EQ(queue.append("abc", "", Error::OutputBackpressure).error(),
-              Error::OutputBackpressure);
-    EXPECT_EQ(queue.front(), "12345678");
-    queue.consume(6);
-    EXPECT_TRUE(queue.append("abcdefgh", "", Error::InputBackpressure));
-    EXPECT_EQ(queue.front(), "78abcdefgh");
-    queue.consume(10);
-    EXPECT_TRUE(queue.empty());
 }
 
 // The login shell's argument zero, or the error that stops the start.
