@@ -51,7 +51,11 @@ std::optional<long long> SessionFixture::metadataNumber(const std::string& id,
 }
 
 bool SessionFixture::waitGone(const std::string& id) {
-    return waitUntil([&] { return ::access(socketPath(id).c_str(), F_OK) != 0; });
+    // An ending keeper removes its socket first and its metadata after it.
+    return waitUntil([&] {
+        return ::access(socketPath(id).c_str(), F_OK) != 0 &&
+               ::access(filePath(id, ".meta").c_str(), F_OK) != 0;
+    });
 }
 
 } // namespace tovel::test

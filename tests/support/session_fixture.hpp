@@ -29,7 +29,7 @@ class SessionFixture : public ::testing::Test {
     std::string socketPath(const std::string& id) const { return filePath(id, ".sock"); }
     // A numeric field of the session's metadata file.
     std::optional<long long> metadataNumber(const std::string& id, const std::string& key) const;
-    // Waits until the keeper of `id` has removed its socket.
+    // Waits until the keeper of `id` has removed its socket and metadata.
     bool waitGone(const std::string& id);
 
     TempDir dir_;
